@@ -34,6 +34,9 @@ std::filesystem::path spoolDirectory(const std::filesystem::path& container);
 std::filesystem::path databaseURL();
 std::filesystem::path executionLockURL();
 std::filesystem::path spoolDirectory();
+// container/Library/Application Support/Halvark/tokens.json: where the
+// token pair is kept when no Secret Service answers.
+std::filesystem::path tokenFileURL();
 
 // The shared user defaults ($XDG_CONFIG_HOME/halvark/defaults.json); absent
 // when no configuration directory can be derived.

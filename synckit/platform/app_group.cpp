@@ -1,0 +1,121 @@
+#include "synckit/platform/app_group.h"
+
+#include <cstdlib>
+
+#include "synckit/base/url.h"
+#include "synckit/platform/app_identity.h"
+#include "synckit/store/metadata_store_error.h"
+
+namespace synckit::AppGroup {
+namespace {
+
+std::optional<std::filesystem::path> environmentPath(const char* name) {
+  const char* value = std::getenv(name);
+  if (value == nullptr || *value == '\0') return std::nullopt;
+  return std::filesystem::path(value);
+}
+
+// XDG base directories must be absolute; a relative value is ignored as if
+// it were unset, so that files never land relative to the working directory.
+std::optional<std::filesystem::path> xdgDirectory(const char* variable, const char* homeRelative) {
+  if (auto value = environmentPath(variable); value && value->is_absolute()) return value;
+  if (auto home = environmentPath("HOME"); home && home->is_absolute()) return *home / homeRelative;
+  return std::nullopt;
+}
+
+std::filesystem::path applicationSupport(const std::filesystem::path& container) {
+  return container / "Library" / "Application Support" / "Halvark";
+}
+
+// Length of the white space or line break that starts `text`, 0 when there
+// is none. Covers the Unicode white space characters a pasted URL may carry
+// (no-break space, line and paragraph separators, ideographic space, ...).
+std::size_t leadingSpaceLength(std::string_view text) {
+  static constexpr std::string_view spaces[] = {
+      " ", "\t", "\n", "\v", "\f", "\r",
+      "\xC2\x85", "\xC2\xA0", "\xE1\x9A\x80",
+      "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82", "\xE2\x80\x83", "\xE2\x80\x84", "\xE2\x80\x85",
+      "\xE2\x80\x86", "\xE2\x80\x87", "\xE2\x80\x88", "\xE2\x80\x89", "\xE2\x80\x8A",
+      "\xE2\x80\xA8", "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F", "\xE3\x80\x80"};
+  for (std::string_view space : spaces) {
+    if (text.starts_with(space)) return space.size();
+  }
+  return 0;
+}
+
+std::size_t trailingSpaceLength(std::string_view text) {
+  // Every space above is at most three bytes long; try the longest suffix first
+  // so that a multi-byte space is not mistaken for a shorter one.
+  for (std::size_t length = 3; length >= 1; --length) {
+    if (text.size() < length) continue;
+    std::string_view tail = text.substr(text.size() - length);
+    if (leadingSpaceLength(tail) == length) return length;
+  }
+  return 0;
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (std::size_t n = leadingSpaceLength(text)) text.remove_prefix(n);
+  while (std::size_t n = trailingSpaceLength(text)) text.remove_suffix(n);
+  return text;
+}
+
+std::string lowercased(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string identifier() {
+  return std::string(AppIdentity::teamPrefix) + "." + std::string(AppIdentity::applicationIdentifier);
+}
+
+std::string keychainAccessGroup() { return identifier() + ".shared"; }
+
+std::filesystem::path containerURL() {
+  if (auto explicitContainer = environmentPath("HALVARK_CONTAINER")) return *explicitContainer;
+  if (auto dataHome = xdgDirectory("XDG_DATA_HOME", ".local/share")) return *dataHome / "halvark";
+  throw MetadataStoreError::containerUnavailable(identifier());
+}
+
+std::filesystem::path spoolDirectory(const std::filesystem::path& container) {
+  return applicationSupport(container) / "Spool";
+}
+
+std::filesystem::path databaseURL() { return applicationSupport(containerURL()) / "sync.sqlite"; }
+
+std::filesystem::path executionLockURL() { return databaseURL().parent_path() / "sync-execution.lock"; }
+
+std::filesystem::path spoolDirectory() { return spoolDirectory(containerURL()); }
+
+std::filesystem::path tokenFileURL() { return applicationSupport(containerURL()) / "tokens.json"; }
+
+std::optional<SharedDefaults> sharedDefaults() {
+  auto configHome = xdgDirectory("XDG_CONFIG_HOME", ".config");
+  if (!configHome) return std::nullopt;
+  return SharedDefaults(*configHome / "halvark" / "defaults.json");
+}
+
+std::string baseURL() {
+  std::optional<std::string> override;
+  if (auto defaults = sharedDefaults()) override = defaults->string(baseURLOverrideKey);
+  return resolveBaseURL(override);
+}
+
+std::string resolveBaseURL(const std::optional<std::string>& override) {
+  const std::string fallback(AppIdentity::defaultBaseURL);
+  if (!override) return fallback;
+  std::string_view text = trimmed(*override);
+  if (text.empty()) return fallback;
+  auto url = URLComponents::parse(text);
+  if (!url || !url->scheme) return fallback;
+  std::string scheme = lowercased(*url->scheme);
+  if (scheme != "http" && scheme != "https") return fallback;
+  if (!url->host || url->host->empty()) return fallback;
+  return std::string(text);
+}
+
+}  // namespace synckit::AppGroup

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <span>
+
+#include <sys/types.h>
+
+#include "synckit/base/bytes.h"
+
+namespace synckit {
+
+// Small file primitives shared by everything in the container that must never
+// leave a half-written file behind (defaults, token file, spool entries).
+// Failures throw PosixError with the errno of the failing call. Any thread.
+namespace AtomicFile {
+
+// Writes `data` to a temporary file beside `file`, flushes it, gives it
+// `mode` and renames it over `file`, so readers see the old or the new
+// content, never a mix. The parent directory must exist.
+void write(const std::filesystem::path& file, std::span<const std::uint8_t> data, mode_t mode = 0644);
+
+// The whole content of `file`; absent when it does not exist.
+std::optional<Bytes> read(const std::filesystem::path& file);
+
+// Deletes `file`; true when it existed.
+bool remove(const std::filesystem::path& file);
+
+// Creates `directory` and any missing parents.
+void createDirectories(const std::filesystem::path& directory);
+
+}  // namespace AtomicFile
+}  // namespace synckit

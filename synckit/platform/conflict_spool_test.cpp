@@ -1,0 +1,204 @@
+#include "synckit/platform/conflict_spool.h"
+
+#include <fstream>
+#include <set>
+
+#include <csignal>
+
+#include <sys/resource.h>
+
+#include <gtest/gtest.h>
+
+#include "synckit/base/error.h"
+#include "synckit/store/metadata_store.h"
+#include "synckit/testing/temporary_directory.h"
+
+namespace synckit {
+namespace {
+
+using testing::TemporaryDirectory;
+
+std::set<std::string> entryNames(const std::filesystem::path& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) names.insert(entry.path().filename());
+  return names;
+}
+
+void touch(const std::filesystem::path& file) { std::ofstream(file) << "x"; }
+
+TEST(ConflictSpoolTest, EntriesRoundTripAndMissingOnesAreAbsent) {
+  TemporaryDirectory temp;
+  ConflictSpool spool{temp / "Library" / "Spool"};
+
+  EXPECT_EQ(spool.read("edit-1"), std::nullopt);
+  EXPECT_FALSE(spool.exists("edit-1"));
+  EXPECT_NO_THROW(spool.remove("edit-1"));  // missing, and even the directory is
+
+  spool.write(toBytes("first"), "edit-1");
+  EXPECT_TRUE(spool.exists("edit-1"));
+  EXPECT_EQ(spool.read("edit-1"), toBytes("first"));
+  spool.write(Bytes{}, "edit-1");
+  EXPECT_EQ(spool.read("edit-1"), Bytes{});
+
+  Bytes binary;
+  for (int i = 0; i < 300000; ++i) binary.push_back(static_cast<std::uint8_t>(i * 7));
+  spool.write(binary, "node-00ff");
+  EXPECT_EQ(spool.read("node-00ff"), binary);
+  // Only the entries themselves are left behind; no temporary files.
+  EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{"edit-1", "node-00ff"}));
+
+  spool.remove("edit-1");
+  EXPECT_FALSE(spool.exists("edit-1"));
+  EXPECT_THROW(spool.write(toBytes("x"), "../escape"), PosixError);
+  EXPECT_THROW(spool.read(""), PosixError);
+  EXPECT_FALSE(std::filesystem::exists(temp / "Library" / "escape"));
+}
+
+TEST(ConflictSpoolTest, AFailedWriteKeepsThePreviousContent) {
+  TemporaryDirectory temp;
+  ConflictSpool spool{temp / "Spool"};
+  spool.write(toBytes("kept"), "edit-3");
+
+  // A file size limit makes the write fail half-way, as a full disk would,
+  // and works even for a user whom file modes do not stop.
+  ::signal(SIGXFSZ, SIG_IGN);
+  ::rlimit previous{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &previous), 0);
+  ::rlimit small = previous;
+  small.rlim_cur = 1024;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  try {
+    spool.write(Bytes(4096, 'x'), "edit-3");
+    ADD_FAILURE() << "expected the write to fail";
+  } catch (const PosixError& error) {
+    EXPECT_EQ(error.code(), EFBIG);
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &previous), 0);
+
+  EXPECT_EQ(spool.read("edit-3"), toBytes("kept"));
+  EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{"edit-3"}));
+}
+
+TEST(ConflictSpoolTest, EditAndCopyOfOneChangeExcludeEachOther) {
+  TemporaryDirectory temp;
+  ConflictSpool spool{temp / "Spool"};
+  EXPECT_EQ(spool.pendingBytes(5), std::nullopt);
+
+  spool.writeNewCopy(toBytes("copy"), 5);
+  EXPECT_EQ(spool.pendingBytes(5), toBytes("copy"));
+  spool.writeEdit(toBytes("edit"), 5);
+  EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{"edit-5"}));
+  EXPECT_EQ(spool.pendingBytes(5), toBytes("edit"));
+
+  spool.writeNewCopy(toBytes("copy again"), 5);
+  EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{"copy-5"}));
+  EXPECT_EQ(spool.pendingBytes(5), toBytes("copy again"));
+
+  // Both present (written by an older build): the edit wins.
+  spool.write(toBytes("edit"), ConflictSpool::editKey(5));
+  EXPECT_EQ(spool.pendingBytes(5), toBytes("edit"));
+  EXPECT_EQ(spool.pendingBytes(6), std::nullopt);
+  EXPECT_EQ(ConflictSpool::editKey(-2), "edit--2");
+  EXPECT_EQ(ConflictSpool::copyKey(9223372036854775807), "copy-9223372036854775807");
+}
+
+TEST(ConflictSpoolTest, NodeKeysAreLowerHexOfTheUTF8Bytes) {
+  EXPECT_EQ(ConflictSpool::nodeKey("n1"), "node-6e31");
+  EXPECT_EQ(ConflictSpool::nodeKey("dir:a/b"), "node-6469723a612f62");
+  EXPECT_EQ(ConflictSpool::nodeKey("\u00e4/\U0001F600"), "node-c3a42ff09f9880");
+  std::string key = ConflictSpool::nodeKey("Caf\u00e9 \u65e5\u672c");
+  EXPECT_EQ(key.find_first_not_of("0123456789abcdef", 5), std::string::npos) << key;
+  EXPECT_EQ(key.size(), 5 + 2 * std::string("Caf\u00e9 \u65e5\u672c").size());
+}
+
+class ConflictSpoolPruneTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store = MetadataStore::open(temp / "Halvark" / "sync.sqlite");
+    store->upsertBrain(BrainRecord{brainId, "notes", "Notes", std::nullopt});
+    for (const char* nodeId : {"n-1", "caf\u00e9", "\xEF\xBF\xBD"}) {
+      NodeRecord node;
+      node.brainId = brainId;
+      node.nodeId = nodeId;
+      node.path = std::string("file-") + std::to_string(nodeCount++);
+      node.title = node.path;
+      store->upsertNode(node);
+    }
+  }
+
+  // Queues changes until one gets `id`, then drops all but that one.
+  void keepOnlyPendingChange(std::int64_t id) {
+    std::vector<std::int64_t> made;
+    for (;;) {
+      PendingChange change;
+      change.brainId = brainId;
+      change.path = "p" + std::to_string(made.size());
+      std::int64_t got = store->enqueue(change);
+      made.push_back(got);
+      if (got >= id) break;
+    }
+    for (std::int64_t other : made) {
+      if (other != id) store->removePendingChange(other);
+    }
+    ASSERT_EQ(store->pendingChanges().size(), 1u);
+    ASSERT_EQ(store->pendingChanges()[0].id, id);
+  }
+
+  TemporaryDirectory temp;
+  Uuid brainId = Uuid::random();
+  int nodeCount = 0;
+  std::unique_ptr<MetadataStore> store;
+};
+
+TEST_F(ConflictSpoolPruneTest, DeletesOnlyEntriesWhoseChangeOrNodeIsGone) {
+  keepOnlyPendingChange(7);
+  ConflictSpool spool{temp / "Spool"};
+  std::filesystem::create_directories(spool.directory);
+  for (const char* name : {"edit-7", "edit-8", "copy-7", "copy-12", "edit-+7", "edit-007", "notes.txt",
+                           "edit-", "edit-abc", "copy-7x", "edit-99999999999999999999", "node-", "node-6e3",
+                           "node-zz", "node-6E2D31", "node-6e2d32", "node-63616fc3a9", "node-636166c3a9",
+                           "node-ff", "node-c3", "node-e282", "node-e282e282", "nodes-6e2d32"}) {
+    touch(spool.directory / name);
+  }
+  std::filesystem::create_directory(spool.directory / "edit-8-folder");
+  std::filesystem::create_directory(spool.directory / "edit-9");
+
+  spool.prune(*store);
+
+  EXPECT_EQ(entryNames(spool.directory),
+            (std::set<std::string>{
+                "edit-7", "copy-7", "edit-+7", "edit-007",         // change 7 still waits
+                "notes.txt", "edit-", "edit-abc", "copy-7x",        // not a decimal id
+                "edit-99999999999999999999",                        // does not fit: not an id
+                "node-", "node-6e3", "node-zz",                     // does not decode
+                "node-6E2D31",                                      // "n-1", upper-case digits
+                "node-636166c3a9",                                  // "café"
+                "node-ff", "node-c3", "node-e282",                  // each one U+FFFD
+                "nodes-6e2d32", "edit-8-folder", "edit-9"}));
+  // Deleted: edit-8, copy-12, node-6e2d32 ("n-2"), node-63616fc3a9 ("cao"
+  // + "é"), node-e282e282 (two U+FFFD).
+}
+
+TEST_F(ConflictSpoolPruneTest, ForgetsNodeEntriesOnceTheNodeIsGone) {
+  ConflictSpool spool{temp / "Spool"};
+  spool.write(toBytes("a"), ConflictSpool::nodeKey("n-1"));
+  spool.write(toBytes("b"), ConflictSpool::nodeKey("caf\u00e9"));
+  spool.prune(*store);
+  EXPECT_EQ(entryNames(spool.directory).size(), 2u);
+
+  store->deleteNode(brainId, "n-1");
+  spool.prune(*store);
+  EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{ConflictSpool::nodeKey("caf\u00e9")}));
+
+  // A node only counts while some stored brain has it.
+  store->deleteBrain(brainId);
+  spool.prune(*store);
+  EXPECT_TRUE(entryNames(spool.directory).empty());
+
+  ConflictSpool missing{temp / "NoSpool"};
+  EXPECT_NO_THROW(missing.prune(*store));
+  EXPECT_FALSE(std::filesystem::exists(missing.directory));
+}
+
+}  // namespace
+}  // namespace synckit

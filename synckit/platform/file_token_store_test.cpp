@@ -1,0 +1,128 @@
+#include "synckit/platform/file_token_store.h"
+
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "synckit/base/error.h"
+#include "synckit/platform/keychain_token_store_error.h"
+#include "synckit/platform/token_store_factory.h"
+#include "synckit/testing/scoped_environment.h"
+#include "synckit/testing/temporary_directory.h"
+
+namespace synckit {
+namespace {
+
+using testing::ScopedEnvironment;
+using testing::TemporaryDirectory;
+
+std::filesystem::perms modeOf(const std::filesystem::path& file) {
+  return std::filesystem::status(file).permissions() & std::filesystem::perms::all;
+}
+
+constexpr auto ownerOnly = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+
+TEST(TokenSetCodingTest, EncodesExactlyTheTwoKeysAndDecodesStrictly) {
+  TokenSet tokens{"acc\"ess", "refr\u00e9sh"};
+  Bytes json = encodeTokenSet(tokens);
+  EXPECT_EQ(toString(json), R"({"accessToken":"acc\"ess","refreshToken":"refr)" "\u00e9" R"(sh"})");
+  EXPECT_EQ(decodeTokenSet(json), tokens);
+  EXPECT_EQ(decodeTokenSet(toBytes(R"({"refreshToken":"r","accessToken":"a","extra":1})")), (TokenSet{"a", "r"}));
+
+  auto decodingKind = [](std::string_view text) {
+    try {
+      decodeTokenSet(toBytes(text));
+    } catch (const DecodingError& error) {
+      return error.kind();
+    }
+    ADD_FAILURE() << "decoded " << text;
+    return DecodingError::Kind::dataCorrupted;
+  };
+  EXPECT_EQ(decodingKind("not json"), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(decodingKind(""), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(decodingKind(R"(["a","r"])"), DecodingError::Kind::typeMismatch);
+  EXPECT_EQ(decodingKind(R"({"accessToken":"a"})"), DecodingError::Kind::keyNotFound);
+  EXPECT_EQ(decodingKind(R"({"accessToken":"a","refreshToken":null})"), DecodingError::Kind::valueNotFound);
+  EXPECT_EQ(decodingKind(R"({"accessToken":5,"refreshToken":"r"})"), DecodingError::Kind::typeMismatch);
+
+  EXPECT_THROW(encodeTokenSet(TokenSet{"\xff", "r"}), Error);
+}
+
+TEST(FileTokenStoreTest, RoundTripsInAnOwnerOnlyFile) {
+  TemporaryDirectory temp;
+  FileTokenStore store(temp / "Library" / "Application Support" / "Halvark" / "tokens.json");
+  EXPECT_EQ(store.load(), std::nullopt);
+  EXPECT_NO_THROW(store.clear());
+
+  ::mode_t previous = ::umask(0);  // a permissive umask must not widen the file
+  store.save(TokenSet{"access-1", "refresh-1"});
+  ::umask(previous);
+  EXPECT_EQ(modeOf(store.file), ownerOnly);
+  EXPECT_EQ(store.load(), (TokenSet{"access-1", "refresh-1"}));
+
+  // Even a file someone widened by hand is owner-only again after a save.
+  std::filesystem::permissions(store.file, std::filesystem::perms::all);
+  store.save(TokenSet{"access-2", "refresh-2"});
+  EXPECT_EQ(modeOf(store.file), ownerOnly);
+  EXPECT_EQ(store.load(), (TokenSet{"access-2", "refresh-2"}));
+  EXPECT_EQ(FileTokenStore(store.file).load(), (TokenSet{"access-2", "refresh-2"}));
+
+  std::size_t entries = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(store.file.parent_path())) ++entries;
+  EXPECT_EQ(entries, 1u);  // no temporary files left behind
+
+  store.clear();
+  EXPECT_FALSE(std::filesystem::exists(store.file));
+  EXPECT_EQ(store.load(), std::nullopt);
+}
+
+TEST(FileTokenStoreTest, DamagedFileFailsToLoadAndStays) {
+  TemporaryDirectory temp;
+  FileTokenStore store(temp / "tokens.json");
+  std::ofstream(store.file) << "{\"accessToken\": \"only\"}";
+  EXPECT_THROW(store.load(), DecodingError);
+  EXPECT_TRUE(std::filesystem::exists(store.file));
+  store.save(TokenSet{"a", "r"});
+  EXPECT_EQ(store.load(), (TokenSet{"a", "r"}));
+}
+
+TEST(FileTokenStoreTest, FileSystemFailuresSurfaceAsKeychainErrors) {
+  TemporaryDirectory temp;
+  std::ofstream(temp / "not-a-directory") << "x";
+  FileTokenStore store(temp / "not-a-directory" / "tokens.json");
+  try {
+    store.save(TokenSet{"a", "r"});
+    FAIL() << "expected a keychain error";
+  } catch (const KeychainTokenStoreError& error) {
+    EXPECT_EQ(error, KeychainTokenStoreError::unexpectedStatus(ENOTDIR));
+    EXPECT_EQ(error.description(), "Keychain error 20: Not a directory");
+  }
+  try {
+    store.load();
+    FAIL() << "expected a keychain error";
+  } catch (const KeychainTokenStoreError& error) {
+    EXPECT_EQ(error.status(), ENOTDIR);
+  }
+  EXPECT_EQ(KeychainTokenStoreError::unexpectedStatus(-25300).description(), "Keychain error -25300: unknown error");
+}
+
+TEST(TokenStoreFactoryTest, FallsBackToTheContainerFileWithoutASecretService) {
+  TemporaryDirectory temp;
+  ScopedEnvironment env;
+  env.set("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (temp / "no-bus").string())
+      .set("HALVARK_CONTAINER", temp.path().string());
+
+  auto store = makeTokenStore();
+  auto* file = dynamic_cast<FileTokenStore*>(store.get());
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(file->file, temp / "Library" / "Application Support" / "Halvark" / "tokens.json");
+  store->save(TokenSet{"a", "r"});
+  EXPECT_EQ(modeOf(file->file), ownerOnly);
+
+  auto explicitFile = makeTokenStore(KeychainTokenStore(), temp / "elsewhere.json");
+  ASSERT_NE(dynamic_cast<FileTokenStore*>(explicitFile.get()), nullptr);
+  EXPECT_EQ(dynamic_cast<FileTokenStore*>(explicitFile.get())->file, temp / "elsewhere.json");
+}
+
+}  // namespace
+}  // namespace synckit
