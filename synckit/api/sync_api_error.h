@@ -11,6 +11,17 @@ namespace synckit {
 // the error envelope ("unknown" when the body had none).
 class SyncAPIError : public Error {
  public:
+  // The body of a failed answer: {"error": {"code": ..., "message": ...}}.
+  struct Envelope {
+    struct Body {
+      std::string code;
+      std::string message;
+      bool operator==(const Body&) const = default;
+    };
+    Body error;
+    bool operator==(const Envelope&) const = default;
+  };
+
   SyncAPIError(int status, std::string code, std::string message);
 
   int status() const noexcept { return status_; }

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "synckit/base/error.h"
+#include "synckit/base/timestamp.h"
+
+namespace synckit {
+
+// A read position inside a parsed JSON document, used by the wire-model
+// decoders. It remembers how it was reached (member keys and array indices)
+// only as a chain of parent pointers, so the coding path costs nothing until
+// an error message needs it. Every failure is a DecodingError.
+//
+// A reader borrows its document and its parent: use it only within the scope
+// of the reader it came from. Single-threaded, like the decode that uses it.
+class JSONReader {
+ public:
+  explicit JSONReader(const nlohmann::json& value) : value_(&value) {}
+
+  // A required member: absent → keyNotFound; not an object → typeMismatch.
+  JSONReader member(std::string_view key) const;
+  // An optional member: absent or null → no value.
+  std::optional<JSONReader> optionalMember(std::string_view key) const;
+
+  // Scalars: null → valueNotFound, another JSON type → typeMismatch.
+  std::string string() const;
+  bool boolean() const;
+  std::int64_t integer() const;
+  // The wire's date text; anything else → dataCorrupted "Invalid ISO 8601 date: {text}".
+  Timestamp date() const;
+  std::vector<std::string> stringArray() const;
+
+  // Decodes every element of an array with `decodeElement(JSONReader)`.
+  template <class F>
+  auto array(F&& decodeElement) const -> std::vector<decltype(decodeElement(std::declval<JSONReader>()))> {
+    std::vector<decltype(decodeElement(std::declval<JSONReader>()))> out;
+    std::size_t count = arraySize();
+    out.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) out.push_back(decodeElement(element(i)));
+    return out;
+  }
+
+  // The reader's position as "entries[2].ops[0].kind"; empty at the top.
+  std::string codingPath() const;
+
+  [[noreturn]] void fail(DecodingError::Kind kind, std::string description) const;
+
+ private:
+  JSONReader(const nlohmann::json& value, const JSONReader* parent, std::string_view key, std::size_t index)
+      : value_(&value), parent_(parent), key_(key), index_(index) {}
+
+  std::size_t arraySize() const;
+  JSONReader element(std::size_t index) const;
+  [[noreturn]] void failType(std::string_view expected) const;
+
+  const nlohmann::json* value_;
+  const JSONReader* parent_ = nullptr;
+  std::string_view key_;  // empty for an array element or the top level
+  std::size_t index_ = 0;
+};
+
+}  // namespace synckit
