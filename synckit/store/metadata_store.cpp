@@ -1,0 +1,536 @@
+#include "synckit/store/metadata_store.h"
+
+#include <algorithm>
+#include <system_error>
+#include <unordered_map>
+
+#include "synckit/base/error.h"
+#include "synckit/platform/app_group.h"
+#include "synckit/store/metadata_store_error.h"
+#include "synckit/store/schema.h"
+
+namespace synckit {
+namespace {
+
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+// Statement texts are fixed strings: the connection's statement cache is keyed
+// on them, and the other process on this file runs the same ones.
+#define HALVARK_NODE_COLUMNS                                                               \
+  "brain_id, node_id, path, title, is_directory, kind, blob_hash, blob_size, updated_at, " \
+  "content_version, local_only, upload_error"
+#define HALVARK_PENDING_COLUMNS \
+  "id, brain_id, node_id, change_kind, path, from_path, base_cursor, created_at"
+
+constexpr std::string_view kSelectMeta = "SELECT value FROM meta WHERE key = ?";
+constexpr std::string_view kUpsertMeta =
+    "INSERT INTO meta (key, value) VALUES (?, ?)\nON CONFLICT(key) DO UPDATE SET value = "
+    "excluded.value";
+constexpr std::string_view kDeleteMeta = "DELETE FROM meta WHERE key = ?";
+
+constexpr std::string_view kUpsertBrain =
+    "INSERT INTO brains (brain_id, slug, name, cursor) VALUES (?, ?, ?, ?)\n"
+    "ON CONFLICT(brain_id) DO UPDATE SET\n"
+    "  slug = excluded.slug,\n"
+    "  name = excluded.name,\n"
+    "  cursor = COALESCE(excluded.cursor, brains.cursor)";
+constexpr std::string_view kSelectBrain =
+    "SELECT brain_id, slug, name, cursor FROM brains WHERE brain_id = ?";
+constexpr std::string_view kSelectBrains =
+    "SELECT brain_id, slug, name, cursor FROM brains ORDER BY slug, brain_id";
+constexpr std::string_view kSelectCursor = "SELECT cursor FROM brains WHERE brain_id = ?";
+constexpr std::string_view kUpdateCursor = "UPDATE brains SET cursor = ? WHERE brain_id = ?";
+constexpr std::string_view kDeleteBrain = "DELETE FROM brains WHERE brain_id = ?";
+
+constexpr std::string_view kSelectNodes =
+    "SELECT " HALVARK_NODE_COLUMNS " FROM nodes WHERE brain_id = ? ORDER BY path";
+constexpr std::string_view kSelectNodeAtPath =
+    "SELECT " HALVARK_NODE_COLUMNS " FROM nodes WHERE brain_id = ? AND path = ?";
+constexpr std::string_view kSelectNodeWithId =
+    "SELECT " HALVARK_NODE_COLUMNS " FROM nodes WHERE brain_id = ? AND node_id = ?";
+constexpr std::string_view kUpsertNode = "INSERT INTO nodes (" HALVARK_NODE_COLUMNS
+                                         ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)\n"
+                                         "ON CONFLICT(brain_id, node_id) DO UPDATE SET\n"
+                                         "  path = excluded.path,\n"
+                                         "  title = excluded.title,\n"
+                                         "  is_directory = excluded.is_directory,\n"
+                                         "  kind = excluded.kind,\n"
+                                         "  blob_hash = excluded.blob_hash,\n"
+                                         "  blob_size = excluded.blob_size,\n"
+                                         "  updated_at = excluded.updated_at,\n"
+                                         "  content_version = excluded.content_version,\n"
+                                         "  local_only = excluded.local_only,\n"
+                                         "  upload_error = excluded.upload_error";
+constexpr std::string_view kDeleteNode = "DELETE FROM nodes WHERE brain_id = ? AND node_id = ?";
+constexpr std::string_view kUpdateNodePath =
+    "UPDATE nodes SET path = ? WHERE brain_id = ? AND node_id = ?";
+constexpr std::string_view kUploadErrorCount =
+    "SELECT COUNT(*) FROM nodes WHERE brain_id = ? AND upload_error IS NOT NULL";
+// Paths below "a" sort between "a/" and "a0" because '0' follows '/' in byte
+// order; this keeps "ab" and "a0" out without a LIKE that would scan.
+constexpr std::string_view kSelectDescendants =
+    "SELECT " HALVARK_NODE_COLUMNS
+    " FROM nodes\nWHERE brain_id = ? AND path > ? AND path < ?\nORDER BY path";
+constexpr std::string_view kSelectTopLevel =
+    "SELECT " HALVARK_NODE_COLUMNS
+    " FROM nodes\nWHERE brain_id = ? AND instr(path, '/') = 0\nORDER BY path";
+constexpr std::string_view kSelectChildren =
+    "SELECT " HALVARK_NODE_COLUMNS
+    " FROM nodes\nWHERE brain_id = ? AND path > ? AND path < ?\n"
+    "  AND instr(substr(path, length(?) + 1), '/') = 0\nORDER BY path";
+
+constexpr std::string_view kEnqueue =
+    "INSERT INTO pending_changes\n"
+    "  (brain_id, node_id, change_kind, path, from_path, base_cursor, created_at)\n"
+    "VALUES (?, ?, ?, ?, ?, ?, ?)";
+constexpr std::string_view kSelectPendingAll =
+    "SELECT " HALVARK_PENDING_COLUMNS " FROM pending_changes ORDER BY id ASC";
+constexpr std::string_view kSelectPendingOfBrain =
+    "SELECT " HALVARK_PENDING_COLUMNS " FROM pending_changes WHERE brain_id = ? ORDER BY id ASC";
+constexpr std::string_view kSelectPendingChange =
+    "SELECT " HALVARK_PENDING_COLUMNS "\nFROM pending_changes WHERE id = ?";
+constexpr std::string_view kDeletePendingChange = "DELETE FROM pending_changes WHERE id = ?";
+constexpr std::string_view kUpdatePendingBaseCursor =
+    "UPDATE pending_changes SET base_cursor = ? WHERE id = ?";
+constexpr std::string_view kUpdatePendingPath = "UPDATE pending_changes SET path = ? WHERE id = ?";
+
+constexpr std::string_view kInsertChange =
+    "INSERT INTO changes_log (brain_id, item_identifier, deleted) VALUES (?, ?, ?)";
+constexpr std::string_view kMaxAnchor = "SELECT MAX(anchor) FROM changes_log";
+constexpr std::string_view kSelectChangesSince =
+    "SELECT anchor, item_identifier, deleted FROM changes_log WHERE anchor > ? ORDER BY anchor "
+    "ASC";
+
+constexpr std::string_view kInsertOwnWrite =
+    "INSERT INTO own_writes (brain_id, path) VALUES (?, ?)";
+constexpr std::string_view kConsumeOwnWrite =
+    "DELETE FROM own_writes WHERE id = (\n"
+    "  SELECT id FROM own_writes WHERE brain_id = ? AND path = ? ORDER BY id ASC LIMIT 1\n"
+    ")";
+constexpr std::string_view kOwnWriteCount =
+    "SELECT COUNT(*) FROM own_writes WHERE brain_id = ? AND path = ?";
+constexpr std::string_view kClearOwnWrites = "DELETE FROM own_writes WHERE brain_id = ?";
+
+#undef HALVARK_NODE_COLUMNS
+#undef HALVARK_PENDING_COLUMNS
+
+// Builds a binding list by moving each value in; a braced list would copy
+// every string a second time on the way into the vector.
+template <class... Values>
+std::vector<SQLiteValue> values(Values&&... items) {
+  std::vector<SQLiteValue> list;
+  list.reserve(sizeof...(items));
+  (list.push_back(std::forward<Values>(items)), ...);
+  return list;
+}
+
+SQLiteValue uuidValue(const Uuid& uuid) { return SQLiteValue::text(uuid.toString()); }
+SQLiteValue textValue(std::string_view text) { return SQLiteValue::text(std::string(text)); }
+
+std::string inQuotes(const std::string& value) { return "\"" + value + "\""; }
+
+Uuid uuidAt(const SQLiteRow& row, std::size_t index) {
+  std::string text = row.string(index);
+  auto uuid = Uuid::parse(text);
+  if (!uuid) throw MetadataStoreError::corruptRow("invalid UUID " + inQuotes(text));
+  return *uuid;
+}
+
+Timestamp timestampAt(const SQLiteRow& row, std::size_t index) {
+  std::string text = row.string(index);
+  auto timestamp = Timestamp::parse(text);
+  if (!timestamp) throw MetadataStoreError::corruptRow("invalid date " + inQuotes(text));
+  return *timestamp;
+}
+
+bool booleanAt(const SQLiteRow& row, std::size_t index) { return row.integer(index) != 0; }
+
+BrainRecord brainFromRow(const SQLiteRow& row) {
+  return BrainRecord{uuidAt(row, 0), row.string(1), row.string(2), row.optionalString(3)};
+}
+
+NodeRecord nodeFromRow(const SQLiteRow& row) {
+  NodeRecord node;
+  node.brainId = uuidAt(row, 0);
+  node.nodeId = row.string(1);
+  node.path = row.string(2);
+  node.title = row.string(3);
+  node.isDirectory = booleanAt(row, 4);
+  std::string kind = row.string(5);
+  auto nodeKind = parseNodeKind(kind);
+  if (!nodeKind) throw MetadataStoreError::corruptRow("invalid node kind " + inQuotes(kind));
+  node.kind = *nodeKind;
+  node.blobHash = row.optionalString(6);
+  node.blobSize = row.optionalInteger(7);
+  node.updatedAt = timestampAt(row, 8);
+  node.contentVersion = row.integer(9);
+  node.localOnly = booleanAt(row, 10);
+  node.uploadError = row.optionalString(11);
+  return node;
+}
+
+PendingChange pendingChangeFromRow(const SQLiteRow& row) {
+  PendingChange change;
+  change.id = row.optionalInteger(0);
+  change.brainId = uuidAt(row, 1);
+  change.nodeId = row.optionalString(2);
+  std::string kind = row.string(3);
+  auto changeKind = parsePendingChangeKind(kind);
+  if (!changeKind) throw MetadataStoreError::corruptRow("invalid change kind " + inQuotes(kind));
+  change.changeKind = *changeKind;
+  change.path = row.string(4);
+  change.fromPath = row.optionalString(5);
+  change.baseCursor = row.optionalString(6);
+  change.createdAt = timestampAt(row, 7);
+  return change;
+}
+
+std::vector<SQLiteValue> nodeBindings(const NodeRecord& node) {
+  return values(
+      uuidValue(node.brainId), SQLiteValue::text(node.nodeId), SQLiteValue::text(node.path),
+      SQLiteValue::text(node.title), SQLiteValue::boolean(node.isDirectory),
+      textValue(toString(node.kind)), SQLiteValue::optionalText(node.blobHash),
+      SQLiteValue::optionalInteger(node.blobSize), SQLiteValue::text(node.updatedAt.toString()),
+      SQLiteValue::integer(node.contentVersion), SQLiteValue::boolean(node.localOnly),
+      SQLiteValue::optionalText(node.uploadError));
+}
+
+}  // namespace
+
+std::filesystem::path MetadataStore::databaseURL(const std::filesystem::path& container) {
+  return container / "Library" / "Application Support" / "Halvark" / "sync.sqlite";
+}
+
+std::unique_ptr<MetadataStore> MetadataStore::open() {
+  return open(databaseURL(AppGroup::containerURL()));
+}
+
+std::unique_ptr<MetadataStore> MetadataStore::open(const std::filesystem::path& databaseURL) {
+  std::error_code error;
+  std::filesystem::create_directories(databaseURL.parent_path(), error);
+  if (error) throw PosixError(error.value());
+  return std::make_unique<MetadataStore>(databaseURL);
+}
+
+MetadataStore::MetadataStore(const std::filesystem::path& path) : database_(path) {
+  Schema::migrate(database_);
+}
+
+std::optional<std::string> MetadataStore::metaValue(std::string_view key) {
+  Lock guard(lock_);
+  auto rows = database_.query(kSelectMeta, values(textValue(key)));
+  if (rows.empty()) return std::nullopt;
+  return rows.front().optionalString(0);
+}
+
+void MetadataStore::setMeta(std::string_view key, const std::optional<std::string>& value) {
+  Lock guard(lock_);
+  if (value) {
+    database_.execute(kUpsertMeta, values(textValue(key), SQLiteValue::text(*value)));
+  } else {
+    database_.execute(kDeleteMeta, values(textValue(key)));
+  }
+}
+
+void MetadataStore::upsertBrain(const BrainRecord& brain) {
+  Lock guard(lock_);
+  database_.execute(kUpsertBrain,
+                    values(uuidValue(brain.brainId), SQLiteValue::text(brain.slug),
+                           SQLiteValue::text(brain.name), SQLiteValue::optionalText(brain.cursor)));
+}
+
+std::optional<BrainRecord> MetadataStore::brain(const Uuid& brainId) {
+  Lock guard(lock_);
+  auto rows = database_.query(kSelectBrain, values(uuidValue(brainId)));
+  if (rows.empty()) return std::nullopt;
+  return brainFromRow(rows.front());
+}
+
+std::vector<BrainRecord> MetadataStore::brains() {
+  Lock guard(lock_);
+  std::vector<BrainRecord> brains;
+  for (const SQLiteRow& row : database_.query(kSelectBrains)) brains.push_back(brainFromRow(row));
+  return brains;
+}
+
+std::optional<std::string> MetadataStore::cursor(const Uuid& brainId) {
+  Lock guard(lock_);
+  auto rows = database_.query(kSelectCursor, values(uuidValue(brainId)));
+  if (rows.empty()) return std::nullopt;
+  return rows.front().optionalString(0);
+}
+
+void MetadataStore::setCursor(const Uuid& brainId, const std::optional<std::string>& cursor) {
+  Lock guard(lock_);
+  database_.execute(kUpdateCursor, values(SQLiteValue::optionalText(cursor), uuidValue(brainId)));
+  if (database_.changes() == 0) throw MetadataStoreError::unknownBrain(brainId);
+}
+
+void MetadataStore::deleteBrain(const Uuid& brainId) {
+  Lock guard(lock_);
+  database_.execute(kDeleteBrain, values(uuidValue(brainId)));
+}
+
+std::vector<NodeRecord> MetadataStore::queryNodes(std::string_view sql,
+                                                  const std::vector<SQLiteValue>& bindings) {
+  std::vector<NodeRecord> nodes;
+  auto rows = database_.query(sql, bindings);
+  nodes.reserve(rows.size());
+  for (const SQLiteRow& row : rows) nodes.push_back(nodeFromRow(row));
+  return nodes;
+}
+
+std::optional<NodeRecord> MetadataStore::queryNode(std::string_view sql,
+                                                   const std::vector<SQLiteValue>& bindings) {
+  auto rows = database_.query(sql, bindings);
+  if (rows.empty()) return std::nullopt;
+  return nodeFromRow(rows.front());
+}
+
+std::vector<NodeRecord> MetadataStore::nodes(const Uuid& brainId) {
+  Lock guard(lock_);
+  return queryNodes(kSelectNodes, values(uuidValue(brainId)));
+}
+
+std::optional<NodeRecord> MetadataStore::nodeAtPath(const Uuid& brainId, std::string_view path) {
+  Lock guard(lock_);
+  return queryNode(kSelectNodeAtPath, values(uuidValue(brainId), textValue(path)));
+}
+
+std::optional<NodeRecord> MetadataStore::nodeWithId(const Uuid& brainId, std::string_view nodeId) {
+  Lock guard(lock_);
+  return queryNode(kSelectNodeWithId, values(uuidValue(brainId), textValue(nodeId)));
+}
+
+void MetadataStore::upsertNode(const NodeRecord& node) {
+  Lock guard(lock_);
+  database_.execute(kUpsertNode, nodeBindings(node));
+}
+
+bool MetadataStore::deleteNode(const Uuid& brainId, std::string_view nodeId) {
+  Lock guard(lock_);
+  database_.execute(kDeleteNode, values(uuidValue(brainId), textValue(nodeId)));
+  return database_.changes() > 0;
+}
+
+void MetadataStore::updateNodePath(const Uuid& brainId, std::string_view nodeId,
+                                   std::string_view newPath) {
+  Lock guard(lock_);
+  database_.execute(kUpdateNodePath,
+                    values(textValue(newPath), uuidValue(brainId), textValue(nodeId)));
+}
+
+std::int64_t MetadataStore::uploadErrorCount(const Uuid& brainId) {
+  Lock guard(lock_);
+  auto rows = database_.query(kUploadErrorCount, values(uuidValue(brainId)));
+  return rows.empty() ? 0 : rows.front().integer(0);
+}
+
+std::vector<NodeRecord> MetadataStore::descendants(const Uuid& brainId, std::string_view path) {
+  Lock guard(lock_);
+  if (path.empty()) return nodes(brainId);
+  std::string base(path);
+  return queryNodes(kSelectDescendants, values(uuidValue(brainId), SQLiteValue::text(base + "/"),
+                                               SQLiteValue::text(base + "0")));
+}
+
+std::vector<NodeRecord> MetadataStore::subtree(const Uuid& brainId, std::string_view path) {
+  Lock guard(lock_);
+  std::vector<NodeRecord> result;
+  if (auto top = nodeAtPath(brainId, path)) result.push_back(std::move(*top));
+  auto below = descendants(brainId, path);
+  result.insert(result.end(), std::make_move_iterator(below.begin()),
+                std::make_move_iterator(below.end()));
+  return result;
+}
+
+std::vector<NodeRecord> MetadataStore::children(const Uuid& brainId, std::string_view parentPath) {
+  Lock guard(lock_);
+  if (parentPath.empty()) return queryNodes(kSelectTopLevel, values(uuidValue(brainId)));
+  std::string prefix = std::string(parentPath) + "/";
+  return queryNodes(kSelectChildren, values(uuidValue(brainId), SQLiteValue::text(prefix),
+                                            SQLiteValue::text(std::string(parentPath) + "0"),
+                                            SQLiteValue::text(prefix)));
+}
+
+bool MetadataStore::touchContent(const Uuid& brainId, std::string_view nodeId) {
+  return writeTransaction([&] {
+    auto node = nodeWithId(brainId, nodeId);
+    if (!node || node->isDirectory) return false;
+    node->contentVersion += 1;
+    upsertNode(*node);
+    recordChange(SyncItemIdentifier::node(brainId, node->nodeId), false);
+    return true;
+  });
+}
+
+std::vector<PendingChange> MetadataStore::queryPendingChanges(
+    std::string_view sql, const std::vector<SQLiteValue>& bindings) {
+  std::vector<PendingChange> changes;
+  for (const SQLiteRow& row : database_.query(sql, bindings)) {
+    changes.push_back(pendingChangeFromRow(row));
+  }
+  return changes;
+}
+
+std::int64_t MetadataStore::enqueue(const PendingChange& change) {
+  Lock guard(lock_);
+  database_.execute(kEnqueue,
+                    values(uuidValue(change.brainId), SQLiteValue::optionalText(change.nodeId),
+                           textValue(toString(change.changeKind)), SQLiteValue::text(change.path),
+                           SQLiteValue::optionalText(change.fromPath),
+                           SQLiteValue::optionalText(change.baseCursor),
+                           SQLiteValue::text(change.createdAt.toString())));
+  return database_.lastInsertRowID();
+}
+
+std::vector<PendingChange> MetadataStore::pendingChanges(const std::optional<Uuid>& brainId) {
+  Lock guard(lock_);
+  if (!brainId) return queryPendingChanges(kSelectPendingAll, values());
+  return queryPendingChanges(kSelectPendingOfBrain, values(uuidValue(*brainId)));
+}
+
+std::optional<PendingChange> MetadataStore::pendingChange(std::int64_t id) {
+  Lock guard(lock_);
+  auto changes = queryPendingChanges(kSelectPendingChange, values(SQLiteValue::integer(id)));
+  if (changes.empty()) return std::nullopt;
+  return std::move(changes.front());
+}
+
+void MetadataStore::removePendingChange(std::int64_t id) {
+  Lock guard(lock_);
+  database_.execute(kDeletePendingChange, values(SQLiteValue::integer(id)));
+}
+
+void MetadataStore::setPendingBaseCursor(std::int64_t id,
+                                         const std::optional<std::string>& baseCursor) {
+  Lock guard(lock_);
+  database_.execute(kUpdatePendingBaseCursor,
+                    values(SQLiteValue::optionalText(baseCursor), SQLiteValue::integer(id)));
+}
+
+void MetadataStore::setPendingPath(std::int64_t id, std::string_view path) {
+  Lock guard(lock_);
+  database_.execute(kUpdatePendingPath, values(textValue(path), SQLiteValue::integer(id)));
+}
+
+std::int64_t MetadataStore::recordChange(const SyncItemIdentifier& identifier, bool deleted) {
+  Lock guard(lock_);
+  auto brainId = identifier.brainId();
+  database_.execute(kInsertChange,
+                    values(SQLiteValue::text(brainId ? brainId->toString() : std::string()),
+                           SQLiteValue::text(identifier.string()), SQLiteValue::boolean(deleted)));
+  return database_.lastInsertRowID();
+}
+
+std::int64_t MetadataStore::currentAnchor() {
+  Lock guard(lock_);
+  auto rows = database_.query(kMaxAnchor);
+  return rows.empty() ? 0 : rows.front().integer(0);
+}
+
+ChangeSet MetadataStore::changes(std::int64_t sinceAnchor) {
+  Lock guard(lock_);
+  return database_.transaction(false, [&] {
+    struct Latest {
+      std::int64_t anchor;
+      bool deleted;
+    };
+    auto rows = database_.query(kSelectChangesSince, values(SQLiteValue::integer(sinceAnchor)));
+    // Rows arrive in anchor order, so the last write per identifier wins.
+    std::unordered_map<std::string, Latest> latest;
+    latest.reserve(rows.size());
+    for (SQLiteRow& row : rows) {
+      latest.insert_or_assign(row.string(1), Latest{row.integer(0), row.integer(2) != 0});
+    }
+    std::vector<std::pair<Latest, std::string>> ordered;
+    ordered.reserve(latest.size());
+    for (auto& [identifier, last] : latest) ordered.emplace_back(last, identifier);
+    std::sort(ordered.begin(), ordered.end(),
+              [](const auto& a, const auto& b) { return a.first.anchor < b.first.anchor; });
+
+    ChangeSet set;
+    for (const auto& [last, text] : ordered) {
+      auto identifier = SyncItemIdentifier::parse(text);
+      if (!identifier) continue;
+      if (last.deleted) {
+        set.deleted.push_back(std::move(*identifier));
+      } else if (auto present = item(*identifier)) {
+        set.changed.push_back(std::move(*present));
+      } else {
+        set.deleted.push_back(std::move(*identifier));
+      }
+    }
+    set.anchor = currentAnchor();
+    return set;
+  });
+}
+
+std::vector<SyncItem> MetadataStore::items(const SyncItemIdentifier& container) {
+  Lock guard(lock_);
+  std::vector<SyncItem> result;
+  auto appendNodes = [&](std::vector<NodeRecord> nodes) {
+    result.reserve(nodes.size());
+    for (NodeRecord& node : nodes) result.push_back(SyncItem::node(std::move(node)));
+  };
+  switch (container.kind()) {
+    case SyncItemIdentifier::Kind::root:
+      for (BrainRecord& brain : brains()) result.push_back(SyncItem::brain(std::move(brain)));
+      break;
+    case SyncItemIdentifier::Kind::brain:
+      appendNodes(children(std::get<SyncItemIdentifier::Brain>(container.value).brainId, ""));
+      break;
+    case SyncItemIdentifier::Kind::node: {
+      const auto& node = std::get<SyncItemIdentifier::Node>(container.value);
+      auto folder = nodeWithId(node.brainId, node.nodeId);
+      if (folder && folder->isDirectory) appendNodes(children(node.brainId, folder->path));
+      break;
+    }
+  }
+  return result;
+}
+
+std::optional<SyncItem> MetadataStore::item(const SyncItemIdentifier& identifier) {
+  Lock guard(lock_);
+  switch (identifier.kind()) {
+    case SyncItemIdentifier::Kind::brain:
+      if (auto record = brain(std::get<SyncItemIdentifier::Brain>(identifier.value).brainId)) {
+        return SyncItem::brain(std::move(*record));
+      }
+      return std::nullopt;
+    case SyncItemIdentifier::Kind::node: {
+      const auto& node = std::get<SyncItemIdentifier::Node>(identifier.value);
+      if (auto record = nodeWithId(node.brainId, node.nodeId)) {
+        return SyncItem::node(std::move(*record));
+      }
+      return std::nullopt;
+    }
+    case SyncItemIdentifier::Kind::root:
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+void MetadataStore::recordOwnWrite(const Uuid& brainId, std::string_view path) {
+  Lock guard(lock_);
+  database_.execute(kInsertOwnWrite, values(uuidValue(brainId), textValue(path)));
+}
+
+bool MetadataStore::consumeOwnWrite(const Uuid& brainId, std::string_view path) {
+  Lock guard(lock_);
+  database_.execute(kConsumeOwnWrite, values(uuidValue(brainId), textValue(path)));
+  return database_.changes() > 0;
+}
+
+std::int64_t MetadataStore::ownWriteCount(const Uuid& brainId, std::string_view path) {
+  Lock guard(lock_);
+  auto rows = database_.query(kOwnWriteCount, values(uuidValue(brainId), textValue(path)));
+  return rows.empty() ? 0 : rows.front().integer(0);
+}
+
+void MetadataStore::clearOwnWrites(const Uuid& brainId) {
+  Lock guard(lock_);
+  database_.execute(kClearOwnWrites, values(uuidValue(brainId)));
+}
+
+}  // namespace synckit
