@@ -2,14 +2,60 @@
 
 #include <condition_variable>
 #include <exception>
+#include <functional>
 #include <map>
 
 #include "synckit/auth/oauth_error.h"
 #include "synckit/base/cancellation.h"
+#include "synckit/base/crypto.h"
 #include "synckit/base/uuid.h"
 #include "synckit/platform/app_identity.h"
+#include "synckit/platform/keychain_token_store_error.h"
+#include "synckit/store/metadata_store_error.h"
 
 namespace synckit {
+namespace {
+
+template <class E>
+std::function<void()> throwCopyOf(const E& error) {
+  return [error] { throw error; };
+}
+
+// The current exception as each waiter of a refresh will get it: every call
+// throws a fresh copy, so that no exception object is shared between
+// threads (its release would be ordered only inside the C++ runtime, out of
+// the sanitizers' sight). Types not listed here are shared as they are.
+std::function<void()> captureFailure() {
+  try {
+    throw;
+  } catch (const TokenManagerError& error) {
+    return throwCopyOf(error);
+  } catch (const OAuthError& error) {
+    return throwCopyOf(error);
+  } catch (const SyncAPIError& error) {
+    return throwCopyOf(error);
+  } catch (const SyncClientError& error) {
+    return throwCopyOf(error);
+  } catch (const CancellationError& error) {
+    return throwCopyOf(error);
+  } catch (const TransportError& error) {
+    return throwCopyOf(error);
+  } catch (const DecodingError& error) {
+    return throwCopyOf(error);
+  } catch (const KeychainTokenStoreError& error) {
+    return throwCopyOf(error);
+  } catch (const MetadataStoreError& error) {
+    return throwCopyOf(error);
+  } catch (const PosixError& error) {
+    return throwCopyOf(error);
+  } catch (const RandomSourceError& error) {
+    return throwCopyOf(error);
+  } catch (...) {
+    return [failure = std::current_exception()] { std::rethrow_exception(failure); };
+  }
+}
+
+}  // namespace
 
 // Shared with the update streams so that a stream outliving the manager can
 // still unsubscribe safely.
@@ -27,14 +73,14 @@ struct TokenManager::Flight {
   std::condition_variable_any done;
   bool finished = false;
   std::string accessToken;
-  std::exception_ptr error;
+  std::function<void()> rethrow;  // set when the refresh failed
 
-  void complete(std::string token, std::exception_ptr failure) {
+  void complete(std::string token, std::function<void()> failure) {
     {
       std::lock_guard lock(mutex);
       finished = true;
       accessToken = std::move(token);
-      error = std::move(failure);
+      rethrow = std::move(failure);
     }
     done.notify_all();
   }
@@ -44,7 +90,7 @@ struct TokenManager::Flight {
     std::unique_lock lock(mutex);
     done.wait(lock, currentStopToken(), [this] { return finished; });
     if (!finished) throw CancellationError();
-    if (error) std::rethrow_exception(error);
+    if (rethrow) rethrow();
     return accessToken;
   }
 };
@@ -180,7 +226,7 @@ void TokenManager::runRefresh(Flight& flight) {
     flight.complete(std::move(token), nullptr);
   } catch (...) {
     clearFlight(flight);
-    flight.complete({}, std::current_exception());
+    flight.complete({}, captureFailure());
   }
 }
 
