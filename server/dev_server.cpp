@@ -96,6 +96,9 @@ struct DevServer::Impl {
   void configure() {
     server.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
     server.set_keep_alive_max_count(100000);
+    // Headers and body go out in separate writes; without this, Nagle's algorithm
+    // and delayed ACKs cost tens of milliseconds per answer.
+    server.set_tcp_nodelay(true);
     server.set_payload_max_length(static_cast<std::size_t>(BlobStore::kMaxBlobSize));
     const std::string controlPrefix = options.basePath + kControlPrefix;
 
