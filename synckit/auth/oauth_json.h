@@ -9,9 +9,10 @@
 
 namespace synckit {
 
-// JSON coding of the OAuth records: snake_case keys, no dates. Decoders throw
-// DecodingError naming the record and the key at fault; a null counts as an
-// absent value. Safe from any thread.
+// JSON coding of the OAuth records: snake_case keys, no dates, unknown
+// members ignored. Decoders throw DecodingError naming the key at fault; a
+// null optional member counts as absent. Encoding throws EncodingError for
+// text that is not valid UTF-8. Safe from any thread.
 namespace OAuthJSON {
 
 AuthServerMetadata decodeAuthServerMetadata(const Bytes& json);

@@ -11,7 +11,10 @@
 #include "synckit/base/uuid.h"
 #include "synckit/platform/app_identity.h"
 #include "synckit/platform/keychain_token_store_error.h"
+#include "synckit/store/meta_key.h"
+#include "synckit/store/metadata_store.h"
 #include "synckit/store/metadata_store_error.h"
+#include "synckit/store/sqlite_error.h"
 
 namespace synckit {
 namespace {
@@ -45,6 +48,8 @@ std::function<void()> captureFailure() {
   } catch (const KeychainTokenStoreError& error) {
     return throwCopyOf(error);
   } catch (const MetadataStoreError& error) {
+    return throwCopyOf(error);
+  } catch (const SQLiteError& error) {
     return throwCopyOf(error);
   } catch (const PosixError& error) {
     return throwCopyOf(error);
@@ -102,6 +107,14 @@ TokenManager::TokenManager(std::string baseURL, HTTPTransport& transport, TokenP
       clientId_(std::move(clientId)),
       log_(std::string(AppIdentity::applicationIdentifier), "auth"),
       shared_(std::make_shared<Shared>()) {}
+
+TokenManager::TokenManager(std::string baseURL, HTTPTransport& transport, TokenPersisting& tokens,
+                           MetadataStore& metadata)
+    : TokenManager(std::move(baseURL), transport, tokens, [&metadata] {
+        auto clientId = metadata.metaValue(MetaKey::clientId);
+        if (!clientId) throw TokenManagerError::signedOut();
+        return *clientId;
+      }) {}
 
 TokenManager::~TokenManager() {
   // A refresh still running is stopped through its transfer's stop token.

@@ -20,6 +20,8 @@
 
 namespace synckit {
 
+class MetadataStore;
+
 // Owns the signed-in session: the stored token pair, the access token handed
 // to the API client, refreshing it when the server rejects it, and the
 // session state published to observers.
@@ -42,6 +44,11 @@ class TokenManager : public TokenProviding {
   // `transport` and `tokens` must outlive the manager.
   TokenManager(std::string baseURL, HTTPTransport& transport, TokenPersisting& tokens,
                ClientIdProvider clientId);
+  // Reads the client id from the store's meta table on each refresh; with
+  // none there, the refresh fails with TokenManagerError::signedOut and the
+  // tokens are kept. `metadata` must outlive the manager.
+  TokenManager(std::string baseURL, HTTPTransport& transport, TokenPersisting& tokens,
+               MetadataStore& metadata);
   ~TokenManager() override;
   TokenManager(const TokenManager&) = delete;
   TokenManager& operator=(const TokenManager&) = delete;

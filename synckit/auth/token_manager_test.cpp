@@ -9,8 +9,11 @@
 
 #include "synckit/auth/oauth_error.h"
 #include "synckit/base/cancellation.h"
+#include "synckit/store/meta_key.h"
+#include "synckit/store/metadata_store.h"
 #include "synckit/testing/fake_http_transport.h"
 #include "synckit/testing/in_memory_token_store.h"
+#include "synckit/testing/temporary_directory.h"
 
 namespace synckit {
 namespace {
@@ -346,6 +349,26 @@ TEST_F(TokenManagerTest, TransientFailuresLeaveTheSessionAsItWas) {
   EXPECT_EQ(manager->state(), SessionState::signedIn);
   EXPECT_EQ(updates.tryNext(), std::nullopt);
   EXPECT_EQ(manager->refreshAfterUnauthorized(), "a2");
+}
+
+TEST_F(TokenManagerTest, TheStoreBackedManagerReadsTheClientIdFromTheMetaTable) {
+  testing::TemporaryDirectory directory;
+  MetadataStore metadataStore(directory / "sync.sqlite");
+  TokenManager stored("https://sync.example.test", transport, store, metadataStore);
+  store.save(TokenSet{"a1", "r1"});
+  EXPECT_EQ(stored.restoreSession(), SessionState::signedIn);
+
+  // Without a registered client the refresh cannot be made, but the session
+  // is not thrown away either.
+  EXPECT_THROW(stored.refreshAfterUnauthorized(), TokenManagerError);
+  EXPECT_EQ(store.stored(), (TokenSet{"a1", "r1"}));
+  EXPECT_EQ(stored.state(), SessionState::signedIn);
+  EXPECT_EQ(requestsTo(tokenURL), 0u);
+
+  metadataStore.setMeta(MetaKey::clientId, "registered-client");
+  EXPECT_EQ(stored.refreshAfterUnauthorized(), "fresh");
+  EXPECT_EQ(toString(transport.requests().back().body),
+            "grant_type=refresh_token&client_id=registered-client&refresh_token=r1");
 }
 
 TEST_F(TokenManagerTest, ACancelledWaiterLeavesWhileTheRefreshGoesOn) {
