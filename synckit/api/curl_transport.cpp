@@ -177,9 +177,15 @@ struct CurlTransport::Impl {
     return slot;
   }
 
-  void release(std::unique_ptr<CurlSlot> slot) {
+  // Runs from a destructor, so it must not throw; a slot that cannot be
+  // kept is simply closed.
+  void release(std::unique_ptr<CurlSlot> slot) noexcept {
     std::lock_guard lock(poolMutex);
-    if (idle.size() < options.maxIdleHandles) idle.push_back(std::move(slot));
+    if (idle.size() >= options.maxIdleHandles) return;
+    try {
+      idle.push_back(std::move(slot));
+    } catch (...) {
+    }
   }
 
   const Options options;

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 
 #include "synckit/base/error.h"
 #include "synckit/base/timestamp.h"
@@ -65,5 +65,25 @@ class JSONReader {
   std::string_view key_;  // empty for an array element or the top level
   std::size_t index_ = 0;
 };
+
+// Parses `text` and hands its top level to `read`. Every failure, the
+// parser's included, comes out as a DecodingError.
+template <class F>
+auto readJSONDocument(std::string_view text, F&& read) -> decltype(read(std::declval<const JSONReader&>())) {
+  nlohmann::json document;
+  try {
+    document = nlohmann::json::parse(text.begin(), text.end());
+  } catch (const nlohmann::json::parse_error& error) {
+    throw DecodingError(DecodingError::Kind::dataCorrupted,
+                        "The data is not valid JSON (at byte " + std::to_string(error.byte) + ").");
+  }
+  try {
+    return read(JSONReader(document));
+  } catch (const nlohmann::json::exception&) {
+    // The reader checks every type before it converts, so this is only a
+    // safety net that keeps the parser's exceptions out of callers' hands.
+    throw DecodingError(DecodingError::Kind::dataCorrupted, "The JSON data could not be read.");
+  }
+}
 
 }  // namespace synckit

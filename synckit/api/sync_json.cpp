@@ -271,20 +271,7 @@ namespace SyncJSON {
 
 template <class T>
 T decode(std::string_view text) {
-  json document;
-  try {
-    document = json::parse(text.begin(), text.end());
-  } catch (const json::parse_error& error) {
-    throw DecodingError(DecodingError::Kind::dataCorrupted,
-                        "The data is not valid JSON (at byte " + std::to_string(error.byte) + ").");
-  }
-  try {
-    return read(JSONReader(document), Tag<T>{});
-  } catch (const json::exception&) {
-    // The reader checks every type before it converts, so this is a
-    // safety net that keeps library exceptions out of callers' hands.
-    throw DecodingError(DecodingError::Kind::dataCorrupted, "The JSON data could not be read.");
-  }
+  return readJSONDocument(text, [](const JSONReader& reader) { return read(reader, Tag<T>{}); });
 }
 
 template <class T>
