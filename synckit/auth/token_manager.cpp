@@ -174,6 +174,7 @@ void TokenManager::signIn(const OAuthTokenResponse& response) {
 void TokenManager::signOut() {
   std::lock_guard store(storeMutex_);
   tokens_.clear();
+  ++sessionEnds_;
   setState(SessionState::signedOut);
 }
 
@@ -194,6 +195,7 @@ void TokenManager::endRejectedSession() {
   log_.error("The server rejected a refreshed access token; signing out");
   std::lock_guard store(storeMutex_);
   tokens_.clear();
+  ++sessionEnds_;
   setState(SessionState::signedOut);
 }
 
@@ -256,8 +258,10 @@ AuthServerMetadata TokenManager::metadata() {
 
 std::string TokenManager::refreshTokens(Flight& flight) {
   TokenSet sent;
+  std::uint64_t sessionEnds = 0;
   {
     std::lock_guard store(storeMutex_);
+    sessionEnds = sessionEnds_;
     auto stored = tokens_.load();
     if (!stored) {
       setState(SessionState::signedOut);
@@ -292,6 +296,13 @@ std::string TokenManager::refreshTokens(Flight& flight) {
   }
 
   std::lock_guard store(storeMutex_);
+  if (sessionEnds_ != sessionEnds) {
+    // The user signed out while the request was out; its tokens belong to a
+    // session that is over and must not bring it back.
+    clearFlight(flight);
+    if (auto current = tokens_.load()) return current->accessToken;
+    throw TokenManagerError::signedOut();
+  }
   TokenSet next{response->accessToken, response->refreshToken.value_or(sent.refreshToken)};
   tokens_.save(next);
   setState(SessionState::signedIn);

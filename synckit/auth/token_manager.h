@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -66,7 +67,8 @@ class TokenManager : public TokenProviding {
   // changes nothing, when the server sent no refresh token.
   void signIn(const OAuthTokenResponse& response);
 
-  // Clears the store, then publishes signedOut.
+  // Clears the store, then publishes signedOut. A refresh still on the wire
+  // will not sign the user back in.
   void signOut();
 
   // The stored access token, read from the store on every call; throws
@@ -107,6 +109,7 @@ class TokenManager : public TokenProviding {
   Logger log_;
   std::shared_ptr<Shared> shared_;  // the state lock and what it guards
   std::mutex storeMutex_;           // serialises token-store calls; taken before the state lock
+  std::uint64_t sessionEnds_ = 0;   // sign-outs so far; guarded by storeMutex_
   std::jthread worker_;             // the latest refresh; guarded by storeMutex_
 };
 

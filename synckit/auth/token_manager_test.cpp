@@ -351,6 +351,29 @@ TEST_F(TokenManagerTest, TransientFailuresLeaveTheSessionAsItWas) {
   EXPECT_EQ(manager->refreshAfterUnauthorized(), "a2");
 }
 
+TEST_F(TokenManagerTest, SigningOutDuringARefreshIsFinal) {
+  store.save(TokenSet{"a1", "r1"});
+  manager->restoreSession();
+  tokenEndpoint = [&](const HTTPRequest&) {
+    manager->signOut();
+    return tokenAnswer("a2", "r2");
+  };
+  EXPECT_THROW(manager->refreshAfterUnauthorized("a1"), TokenManagerError);
+  EXPECT_EQ(store.stored(), std::nullopt);
+  EXPECT_EQ(manager->state(), SessionState::signedOut);
+
+  // Signed in again meanwhile: the new session's token wins over the old one's refresh.
+  store.save(TokenSet{"a1", "r1"});
+  tokenEndpoint = [&](const HTTPRequest&) {
+    manager->signOut();
+    manager->signIn(OAuthTokenResponse{"b1", "Bearer", 60, "s1", "readwrite"});
+    return tokenAnswer("a2", "r2");
+  };
+  EXPECT_EQ(manager->refreshAfterUnauthorized("a1"), "b1");
+  EXPECT_EQ(store.stored(), (TokenSet{"b1", "s1"}));
+  EXPECT_EQ(manager->state(), SessionState::signedIn);
+}
+
 TEST_F(TokenManagerTest, TheStoreBackedManagerReadsTheClientIdFromTheMetaTable) {
   testing::TemporaryDirectory directory;
   MetadataStore metadataStore(directory / "sync.sqlite");
