@@ -11,20 +11,11 @@ namespace {
 
 using nlohmann::json;
 
+// Bodies arrive as bytes; the shared reader takes text.
 template <class F>
 auto decodeDocument(const Bytes& text, F&& read) {
-  json document;
-  try {
-    document = json::parse(text.begin(), text.end());
-  } catch (const json::parse_error& error) {
-    throw DecodingError(DecodingError::Kind::dataCorrupted,
-                        "The data is not valid JSON (at byte " + std::to_string(error.byte) + ").");
-  }
-  try {
-    return read(JSONReader(document));
-  } catch (const json::exception& error) {
-    throw DecodingError(DecodingError::Kind::dataCorrupted, error.what());
-  }
+  return readJSONDocument(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()),
+                          std::forward<F>(read));
 }
 
 std::string url(const JSONReader& reader, std::string_view key) {
