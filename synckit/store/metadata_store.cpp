@@ -8,111 +8,12 @@
 #include "synckit/platform/app_group.h"
 #include "synckit/store/metadata_store_error.h"
 #include "synckit/store/schema.h"
+#include "synckit/store/store_sql.h"
 
 namespace synckit {
 namespace {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
-
-// Statement texts are fixed strings: the connection's statement cache is keyed
-// on them, and the other process on this file runs the same ones.
-#define HALVARK_NODE_COLUMNS                                                               \
-  "brain_id, node_id, path, title, is_directory, kind, blob_hash, blob_size, updated_at, " \
-  "content_version, local_only, upload_error"
-#define HALVARK_PENDING_COLUMNS \
-  "id, brain_id, node_id, change_kind, path, from_path, base_cursor, created_at"
-
-constexpr std::string_view kSelectMeta = "SELECT value FROM meta WHERE key = ?";
-constexpr std::string_view kUpsertMeta =
-    "INSERT INTO meta (key, value) VALUES (?, ?)\nON CONFLICT(key) DO UPDATE SET value = "
-    "excluded.value";
-constexpr std::string_view kDeleteMeta = "DELETE FROM meta WHERE key = ?";
-
-constexpr std::string_view kUpsertBrain =
-    "INSERT INTO brains (brain_id, slug, name, cursor) VALUES (?, ?, ?, ?)\n"
-    "ON CONFLICT(brain_id) DO UPDATE SET\n"
-    "  slug = excluded.slug,\n"
-    "  name = excluded.name,\n"
-    "  cursor = COALESCE(excluded.cursor, brains.cursor)";
-constexpr std::string_view kSelectBrain =
-    "SELECT brain_id, slug, name, cursor FROM brains WHERE brain_id = ?";
-constexpr std::string_view kSelectBrains =
-    "SELECT brain_id, slug, name, cursor FROM brains ORDER BY slug, brain_id";
-constexpr std::string_view kSelectCursor = "SELECT cursor FROM brains WHERE brain_id = ?";
-constexpr std::string_view kUpdateCursor = "UPDATE brains SET cursor = ? WHERE brain_id = ?";
-constexpr std::string_view kDeleteBrain = "DELETE FROM brains WHERE brain_id = ?";
-
-constexpr std::string_view kSelectNodes =
-    "SELECT " HALVARK_NODE_COLUMNS " FROM nodes WHERE brain_id = ? ORDER BY path";
-constexpr std::string_view kSelectNodeAtPath =
-    "SELECT " HALVARK_NODE_COLUMNS " FROM nodes WHERE brain_id = ? AND path = ?";
-constexpr std::string_view kSelectNodeWithId =
-    "SELECT " HALVARK_NODE_COLUMNS " FROM nodes WHERE brain_id = ? AND node_id = ?";
-constexpr std::string_view kUpsertNode = "INSERT INTO nodes (" HALVARK_NODE_COLUMNS
-                                         ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)\n"
-                                         "ON CONFLICT(brain_id, node_id) DO UPDATE SET\n"
-                                         "  path = excluded.path,\n"
-                                         "  title = excluded.title,\n"
-                                         "  is_directory = excluded.is_directory,\n"
-                                         "  kind = excluded.kind,\n"
-                                         "  blob_hash = excluded.blob_hash,\n"
-                                         "  blob_size = excluded.blob_size,\n"
-                                         "  updated_at = excluded.updated_at,\n"
-                                         "  content_version = excluded.content_version,\n"
-                                         "  local_only = excluded.local_only,\n"
-                                         "  upload_error = excluded.upload_error";
-constexpr std::string_view kDeleteNode = "DELETE FROM nodes WHERE brain_id = ? AND node_id = ?";
-constexpr std::string_view kUpdateNodePath =
-    "UPDATE nodes SET path = ? WHERE brain_id = ? AND node_id = ?";
-constexpr std::string_view kUploadErrorCount =
-    "SELECT COUNT(*) FROM nodes WHERE brain_id = ? AND upload_error IS NOT NULL";
-// Paths below "a" sort between "a/" and "a0" because '0' follows '/' in byte
-// order; this keeps "ab" and "a0" out without a LIKE that would scan.
-constexpr std::string_view kSelectDescendants =
-    "SELECT " HALVARK_NODE_COLUMNS
-    " FROM nodes\nWHERE brain_id = ? AND path > ? AND path < ?\nORDER BY path";
-constexpr std::string_view kSelectTopLevel =
-    "SELECT " HALVARK_NODE_COLUMNS
-    " FROM nodes\nWHERE brain_id = ? AND instr(path, '/') = 0\nORDER BY path";
-constexpr std::string_view kSelectChildren =
-    "SELECT " HALVARK_NODE_COLUMNS
-    " FROM nodes\nWHERE brain_id = ? AND path > ? AND path < ?\n"
-    "  AND instr(substr(path, length(?) + 1), '/') = 0\nORDER BY path";
-
-constexpr std::string_view kEnqueue =
-    "INSERT INTO pending_changes\n"
-    "  (brain_id, node_id, change_kind, path, from_path, base_cursor, created_at)\n"
-    "VALUES (?, ?, ?, ?, ?, ?, ?)";
-constexpr std::string_view kSelectPendingAll =
-    "SELECT " HALVARK_PENDING_COLUMNS " FROM pending_changes ORDER BY id ASC";
-constexpr std::string_view kSelectPendingOfBrain =
-    "SELECT " HALVARK_PENDING_COLUMNS " FROM pending_changes WHERE brain_id = ? ORDER BY id ASC";
-constexpr std::string_view kSelectPendingChange =
-    "SELECT " HALVARK_PENDING_COLUMNS "\nFROM pending_changes WHERE id = ?";
-constexpr std::string_view kDeletePendingChange = "DELETE FROM pending_changes WHERE id = ?";
-constexpr std::string_view kUpdatePendingBaseCursor =
-    "UPDATE pending_changes SET base_cursor = ? WHERE id = ?";
-constexpr std::string_view kUpdatePendingPath = "UPDATE pending_changes SET path = ? WHERE id = ?";
-
-constexpr std::string_view kInsertChange =
-    "INSERT INTO changes_log (brain_id, item_identifier, deleted) VALUES (?, ?, ?)";
-constexpr std::string_view kMaxAnchor = "SELECT MAX(anchor) FROM changes_log";
-constexpr std::string_view kSelectChangesSince =
-    "SELECT anchor, item_identifier, deleted FROM changes_log WHERE anchor > ? ORDER BY anchor "
-    "ASC";
-
-constexpr std::string_view kInsertOwnWrite =
-    "INSERT INTO own_writes (brain_id, path) VALUES (?, ?)";
-constexpr std::string_view kConsumeOwnWrite =
-    "DELETE FROM own_writes WHERE id = (\n"
-    "  SELECT id FROM own_writes WHERE brain_id = ? AND path = ? ORDER BY id ASC LIMIT 1\n"
-    ")";
-constexpr std::string_view kOwnWriteCount =
-    "SELECT COUNT(*) FROM own_writes WHERE brain_id = ? AND path = ?";
-constexpr std::string_view kClearOwnWrites = "DELETE FROM own_writes WHERE brain_id = ?";
-
-#undef HALVARK_NODE_COLUMNS
-#undef HALVARK_PENDING_COLUMNS
 
 // Builds a binding list by moving each value in; a braced list would copy
 // every string a second time on the way into the vector.
@@ -218,7 +119,7 @@ MetadataStore::MetadataStore(const std::filesystem::path& path) : database_(path
 
 std::optional<std::string> MetadataStore::metaValue(std::string_view key) {
   Lock guard(lock_);
-  auto rows = database_.query(kSelectMeta, values(textValue(key)));
+  auto rows = database_.query(StoreSQL::selectMeta, values(textValue(key)));
   if (rows.empty()) return std::nullopt;
   return rows.front().optionalString(0);
 }
@@ -226,22 +127,22 @@ std::optional<std::string> MetadataStore::metaValue(std::string_view key) {
 void MetadataStore::setMeta(std::string_view key, const std::optional<std::string>& value) {
   Lock guard(lock_);
   if (value) {
-    database_.execute(kUpsertMeta, values(textValue(key), SQLiteValue::text(*value)));
+    database_.execute(StoreSQL::upsertMeta, values(textValue(key), SQLiteValue::text(*value)));
   } else {
-    database_.execute(kDeleteMeta, values(textValue(key)));
+    database_.execute(StoreSQL::deleteMeta, values(textValue(key)));
   }
 }
 
 void MetadataStore::upsertBrain(const BrainRecord& brain) {
   Lock guard(lock_);
-  database_.execute(kUpsertBrain,
+  database_.execute(StoreSQL::upsertBrain,
                     values(uuidValue(brain.brainId), SQLiteValue::text(brain.slug),
                            SQLiteValue::text(brain.name), SQLiteValue::optionalText(brain.cursor)));
 }
 
 std::optional<BrainRecord> MetadataStore::brain(const Uuid& brainId) {
   Lock guard(lock_);
-  auto rows = database_.query(kSelectBrain, values(uuidValue(brainId)));
+  auto rows = database_.query(StoreSQL::selectBrain, values(uuidValue(brainId)));
   if (rows.empty()) return std::nullopt;
   return brainFromRow(rows.front());
 }
@@ -249,26 +150,28 @@ std::optional<BrainRecord> MetadataStore::brain(const Uuid& brainId) {
 std::vector<BrainRecord> MetadataStore::brains() {
   Lock guard(lock_);
   std::vector<BrainRecord> brains;
-  for (const SQLiteRow& row : database_.query(kSelectBrains)) brains.push_back(brainFromRow(row));
+  for (const SQLiteRow& row : database_.query(StoreSQL::selectBrains))
+    brains.push_back(brainFromRow(row));
   return brains;
 }
 
 std::optional<std::string> MetadataStore::cursor(const Uuid& brainId) {
   Lock guard(lock_);
-  auto rows = database_.query(kSelectCursor, values(uuidValue(brainId)));
+  auto rows = database_.query(StoreSQL::selectCursor, values(uuidValue(brainId)));
   if (rows.empty()) return std::nullopt;
   return rows.front().optionalString(0);
 }
 
 void MetadataStore::setCursor(const Uuid& brainId, const std::optional<std::string>& cursor) {
   Lock guard(lock_);
-  database_.execute(kUpdateCursor, values(SQLiteValue::optionalText(cursor), uuidValue(brainId)));
+  database_.execute(StoreSQL::updateCursor,
+                    values(SQLiteValue::optionalText(cursor), uuidValue(brainId)));
   if (database_.changes() == 0) throw MetadataStoreError::unknownBrain(brainId);
 }
 
 void MetadataStore::deleteBrain(const Uuid& brainId) {
   Lock guard(lock_);
-  database_.execute(kDeleteBrain, values(uuidValue(brainId)));
+  database_.execute(StoreSQL::deleteBrain, values(uuidValue(brainId)));
 }
 
 std::vector<NodeRecord> MetadataStore::queryNodes(std::string_view sql,
@@ -289,40 +192,40 @@ std::optional<NodeRecord> MetadataStore::queryNode(std::string_view sql,
 
 std::vector<NodeRecord> MetadataStore::nodes(const Uuid& brainId) {
   Lock guard(lock_);
-  return queryNodes(kSelectNodes, values(uuidValue(brainId)));
+  return queryNodes(StoreSQL::selectNodes, values(uuidValue(brainId)));
 }
 
 std::optional<NodeRecord> MetadataStore::nodeAtPath(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  return queryNode(kSelectNodeAtPath, values(uuidValue(brainId), textValue(path)));
+  return queryNode(StoreSQL::selectNodeAtPath, values(uuidValue(brainId), textValue(path)));
 }
 
 std::optional<NodeRecord> MetadataStore::nodeWithId(const Uuid& brainId, std::string_view nodeId) {
   Lock guard(lock_);
-  return queryNode(kSelectNodeWithId, values(uuidValue(brainId), textValue(nodeId)));
+  return queryNode(StoreSQL::selectNodeWithId, values(uuidValue(brainId), textValue(nodeId)));
 }
 
 void MetadataStore::upsertNode(const NodeRecord& node) {
   Lock guard(lock_);
-  database_.execute(kUpsertNode, nodeBindings(node));
+  database_.execute(StoreSQL::upsertNode, nodeBindings(node));
 }
 
 bool MetadataStore::deleteNode(const Uuid& brainId, std::string_view nodeId) {
   Lock guard(lock_);
-  database_.execute(kDeleteNode, values(uuidValue(brainId), textValue(nodeId)));
+  database_.execute(StoreSQL::deleteNode, values(uuidValue(brainId), textValue(nodeId)));
   return database_.changes() > 0;
 }
 
 void MetadataStore::updateNodePath(const Uuid& brainId, std::string_view nodeId,
                                    std::string_view newPath) {
   Lock guard(lock_);
-  database_.execute(kUpdateNodePath,
+  database_.execute(StoreSQL::updateNodePath,
                     values(textValue(newPath), uuidValue(brainId), textValue(nodeId)));
 }
 
 std::int64_t MetadataStore::uploadErrorCount(const Uuid& brainId) {
   Lock guard(lock_);
-  auto rows = database_.query(kUploadErrorCount, values(uuidValue(brainId)));
+  auto rows = database_.query(StoreSQL::uploadErrorCount, values(uuidValue(brainId)));
   return rows.empty() ? 0 : rows.front().integer(0);
 }
 
@@ -330,8 +233,9 @@ std::vector<NodeRecord> MetadataStore::descendants(const Uuid& brainId, std::str
   Lock guard(lock_);
   if (path.empty()) return nodes(brainId);
   std::string base(path);
-  return queryNodes(kSelectDescendants, values(uuidValue(brainId), SQLiteValue::text(base + "/"),
-                                               SQLiteValue::text(base + "0")));
+  return queryNodes(
+      StoreSQL::selectDescendants,
+      values(uuidValue(brainId), SQLiteValue::text(base + "/"), SQLiteValue::text(base + "0")));
 }
 
 std::vector<NodeRecord> MetadataStore::subtree(const Uuid& brainId, std::string_view path) {
@@ -346,11 +250,12 @@ std::vector<NodeRecord> MetadataStore::subtree(const Uuid& brainId, std::string_
 
 std::vector<NodeRecord> MetadataStore::children(const Uuid& brainId, std::string_view parentPath) {
   Lock guard(lock_);
-  if (parentPath.empty()) return queryNodes(kSelectTopLevel, values(uuidValue(brainId)));
+  if (parentPath.empty()) return queryNodes(StoreSQL::selectTopLevel, values(uuidValue(brainId)));
   std::string prefix = std::string(parentPath) + "/";
-  return queryNodes(kSelectChildren, values(uuidValue(brainId), SQLiteValue::text(prefix),
-                                            SQLiteValue::text(std::string(parentPath) + "0"),
-                                            SQLiteValue::text(prefix)));
+  return queryNodes(
+      StoreSQL::selectChildren,
+      values(uuidValue(brainId), SQLiteValue::text(prefix),
+             SQLiteValue::text(std::string(parentPath) + "0"), SQLiteValue::text(prefix)));
 }
 
 bool MetadataStore::touchContent(const Uuid& brainId, std::string_view nodeId) {
@@ -375,7 +280,7 @@ std::vector<PendingChange> MetadataStore::queryPendingChanges(
 
 std::int64_t MetadataStore::enqueue(const PendingChange& change) {
   Lock guard(lock_);
-  database_.execute(kEnqueue,
+  database_.execute(StoreSQL::enqueue,
                     values(uuidValue(change.brainId), SQLiteValue::optionalText(change.nodeId),
                            textValue(toString(change.changeKind)), SQLiteValue::text(change.path),
                            SQLiteValue::optionalText(change.fromPath),
@@ -386,38 +291,39 @@ std::int64_t MetadataStore::enqueue(const PendingChange& change) {
 
 std::vector<PendingChange> MetadataStore::pendingChanges(const std::optional<Uuid>& brainId) {
   Lock guard(lock_);
-  if (!brainId) return queryPendingChanges(kSelectPendingAll, values());
-  return queryPendingChanges(kSelectPendingOfBrain, values(uuidValue(*brainId)));
+  if (!brainId) return queryPendingChanges(StoreSQL::selectPendingAll, values());
+  return queryPendingChanges(StoreSQL::selectPendingOfBrain, values(uuidValue(*brainId)));
 }
 
 std::optional<PendingChange> MetadataStore::pendingChange(std::int64_t id) {
   Lock guard(lock_);
-  auto changes = queryPendingChanges(kSelectPendingChange, values(SQLiteValue::integer(id)));
+  auto changes =
+      queryPendingChanges(StoreSQL::selectPendingChange, values(SQLiteValue::integer(id)));
   if (changes.empty()) return std::nullopt;
   return std::move(changes.front());
 }
 
 void MetadataStore::removePendingChange(std::int64_t id) {
   Lock guard(lock_);
-  database_.execute(kDeletePendingChange, values(SQLiteValue::integer(id)));
+  database_.execute(StoreSQL::deletePendingChange, values(SQLiteValue::integer(id)));
 }
 
 void MetadataStore::setPendingBaseCursor(std::int64_t id,
                                          const std::optional<std::string>& baseCursor) {
   Lock guard(lock_);
-  database_.execute(kUpdatePendingBaseCursor,
+  database_.execute(StoreSQL::updatePendingBaseCursor,
                     values(SQLiteValue::optionalText(baseCursor), SQLiteValue::integer(id)));
 }
 
 void MetadataStore::setPendingPath(std::int64_t id, std::string_view path) {
   Lock guard(lock_);
-  database_.execute(kUpdatePendingPath, values(textValue(path), SQLiteValue::integer(id)));
+  database_.execute(StoreSQL::updatePendingPath, values(textValue(path), SQLiteValue::integer(id)));
 }
 
 std::int64_t MetadataStore::recordChange(const SyncItemIdentifier& identifier, bool deleted) {
   Lock guard(lock_);
   auto brainId = identifier.brainId();
-  database_.execute(kInsertChange,
+  database_.execute(StoreSQL::insertChange,
                     values(SQLiteValue::text(brainId ? brainId->toString() : std::string()),
                            SQLiteValue::text(identifier.string()), SQLiteValue::boolean(deleted)));
   return database_.lastInsertRowID();
@@ -425,7 +331,7 @@ std::int64_t MetadataStore::recordChange(const SyncItemIdentifier& identifier, b
 
 std::int64_t MetadataStore::currentAnchor() {
   Lock guard(lock_);
-  auto rows = database_.query(kMaxAnchor);
+  auto rows = database_.query(StoreSQL::maxAnchor);
   return rows.empty() ? 0 : rows.front().integer(0);
 }
 
@@ -436,7 +342,8 @@ ChangeSet MetadataStore::changes(std::int64_t sinceAnchor) {
       std::int64_t anchor;
       bool deleted;
     };
-    auto rows = database_.query(kSelectChangesSince, values(SQLiteValue::integer(sinceAnchor)));
+    auto rows =
+        database_.query(StoreSQL::selectChangesSince, values(SQLiteValue::integer(sinceAnchor)));
     // Rows arrive in anchor order, so the last write per identifier wins.
     std::unordered_map<std::string, Latest> latest;
     latest.reserve(rows.size());
@@ -513,24 +420,24 @@ std::optional<SyncItem> MetadataStore::item(const SyncItemIdentifier& identifier
 
 void MetadataStore::recordOwnWrite(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  database_.execute(kInsertOwnWrite, values(uuidValue(brainId), textValue(path)));
+  database_.execute(StoreSQL::insertOwnWrite, values(uuidValue(brainId), textValue(path)));
 }
 
 bool MetadataStore::consumeOwnWrite(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  database_.execute(kConsumeOwnWrite, values(uuidValue(brainId), textValue(path)));
+  database_.execute(StoreSQL::consumeOwnWrite, values(uuidValue(brainId), textValue(path)));
   return database_.changes() > 0;
 }
 
 std::int64_t MetadataStore::ownWriteCount(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  auto rows = database_.query(kOwnWriteCount, values(uuidValue(brainId), textValue(path)));
+  auto rows = database_.query(StoreSQL::ownWriteCount, values(uuidValue(brainId), textValue(path)));
   return rows.empty() ? 0 : rows.front().integer(0);
 }
 
 void MetadataStore::clearOwnWrites(const Uuid& brainId) {
   Lock guard(lock_);
-  database_.execute(kClearOwnWrites, values(uuidValue(brainId)));
+  database_.execute(StoreSQL::clearOwnWrites, values(uuidValue(brainId)));
 }
 
 }  // namespace synckit
