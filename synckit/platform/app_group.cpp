@@ -4,6 +4,7 @@
 
 #include "synckit/base/url.h"
 #include "synckit/platform/app_identity.h"
+#include "synckit/store/metadata_store.h"
 #include "synckit/store/metadata_store_error.h"
 
 namespace synckit::AppGroup {
@@ -23,8 +24,10 @@ std::optional<std::filesystem::path> xdgDirectory(const char* variable, const ch
   return std::nullopt;
 }
 
+// The store file's directory holds every other fixed file of the container,
+// so the store's own notion of where its file lives decides for all of them.
 std::filesystem::path applicationSupport(const std::filesystem::path& container) {
-  return container / "Library" / "Application Support" / "Halvark";
+  return MetadataStore::databaseURL(container).parent_path();
 }
 
 // Length of the white space or line break that starts `text`, 0 when there
@@ -85,7 +88,7 @@ std::filesystem::path spoolDirectory(const std::filesystem::path& container) {
   return applicationSupport(container) / "Spool";
 }
 
-std::filesystem::path databaseURL() { return applicationSupport(containerURL()) / "sync.sqlite"; }
+std::filesystem::path databaseURL() { return MetadataStore::databaseURL(containerURL()); }
 
 std::filesystem::path executionLockURL() { return databaseURL().parent_path() / "sync-execution.lock"; }
 

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "synckit/api/utf8_text.h"
 #include "synckit/base/error.h"
 #include "synckit/platform/atomic_file.h"
 #include "synckit/platform/conflict_spool.h"
@@ -44,61 +45,6 @@ std::optional<std::string> decodeHex(std::string_view text) {
     bytes.push_back(static_cast<char>(high * 16 + low));
   }
   return bytes;
-}
-
-// `bytes` as UTF-8 with every maximal ill-formed subsequence replaced by
-// U+FFFD, the way text decoders do it, so that a name written for a node id
-// maps back to that id and a damaged one maps to no id at all.
-std::string repairedUTF8(std::string_view bytes) {
-  static constexpr std::string_view replacement = "\xEF\xBF\xBD";
-  std::string out;
-  std::size_t i = 0;
-  while (i < bytes.size()) {
-    auto lead = static_cast<unsigned char>(bytes[i]);
-    if (lead < 0x80) {
-      out.push_back(static_cast<char>(lead));
-      ++i;
-      continue;
-    }
-    int trailing = 0;
-    unsigned char lower = 0x80;
-    unsigned char upper = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      trailing = 1;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      trailing = 2;
-      if (lead == 0xE0) lower = 0xA0;
-      if (lead == 0xED) upper = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      trailing = 3;
-      if (lead == 0xF0) lower = 0x90;
-      if (lead == 0xF4) upper = 0x8F;
-    } else {
-      out += replacement;
-      ++i;
-      continue;
-    }
-    std::size_t j = i + 1;
-    bool complete = true;
-    for (int k = 0; k < trailing; ++k, ++j) {
-      if (j >= bytes.size()) {
-        complete = false;
-        break;
-      }
-      auto c = static_cast<unsigned char>(bytes[j]);
-      if (c < (k == 0 ? lower : 0x80) || c > (k == 0 ? upper : 0xBF)) {
-        complete = false;
-        break;
-      }
-    }
-    if (complete) {
-      out.append(bytes.substr(i, j - i));
-    } else {
-      out += replacement;
-    }
-    i = j;
-  }
-  return out;
 }
 
 // Every entry of `directory` that is not a folder. The spool has no folders
@@ -153,7 +99,9 @@ void ConflictSpool::prune(MetadataStore& store) const {
         obsolete = id && !pendingIds.contains(*id);
       } else if (view.starts_with("node-")) {
         auto bytes = decodeHex(view.substr(5));
-        obsolete = bytes && !isKnownNode(repairedUTF8(*bytes));
+        // Node ids are compared as text, so bytes that are not UTF-8 compare
+        // as the text a decoder makes of them.
+        obsolete = bytes && !isKnownNode(decodeUTF8Lossy(*bytes));
       }
       if (obsolete) AtomicFile::remove(file);
     }
