@@ -10,7 +10,9 @@ using nlohmann::json;
 
 void sendJson(httplib::Response& res, int status, const json& body) {
   res.status = status;
-  res.set_content(body.dump(), "application/json");
+  // Invalid UTF-8 can only come from a query (a path echoed in a message); it is
+  // replaced rather than allowed to throw while an answer is being written.
+  res.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
 }
 
 void sendServiceError(httplib::Response& res, const ServiceError& error) {

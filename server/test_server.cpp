@@ -137,6 +137,16 @@ std::string TestServer::createBrain(const std::string& name, const std::string& 
   return control("POST", "/brains", body)["brain"].value("id", "");
 }
 
+bool isWireDate(const std::string& text) {
+  static constexpr std::string_view shape = "dddd-dd-ddTdd:dd:dd.dddZ";
+  if (text.size() != shape.size()) return false;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    bool ok = shape[i] == 'd' ? (text[i] >= '0' && text[i] <= '9') : text[i] == shape[i];
+    if (!ok) return false;
+  }
+  return true;
+}
+
 std::string formBody(const std::map<std::string, std::string>& fields) {
   std::string body;
   for (const auto& [name, value] : fields) {

@@ -76,6 +76,9 @@ class TestServer {
   std::string basePath_;
 };
 
+// True for text of the form 2025-03-01T09:30:12.345Z.
+bool isWireDate(const std::string& text);
+
 // Form-encodes fields the way the client does (a space as %20).
 std::string formBody(const std::map<std::string, std::string>& fields);
 // The value of a query item in a URL, decoded.
