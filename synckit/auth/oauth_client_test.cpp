@@ -7,12 +7,14 @@
 #include "synckit/api/sync_api_error.h"
 #include "synckit/auth/oauth_error.h"
 #include "synckit/testing/fake_http_transport.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 using testing::FakeHTTPTransport;
+using testing::thrownBy;
 
 // "a=1&b=2" as its still-encoded pairs, in order.
 Pairs splitPairs(const std::string& text) {
@@ -74,12 +76,8 @@ TEST(OAuthClientTest, DiscoversBelowTheBasePathAndDefaultsMissingLists) {
   EXPECT_EQ(full.tokenEndpointAuthMethodsSupported, std::vector<std::string>{"none"});
   EXPECT_EQ(full.scopesSupported, std::vector<std::string>{"readwrite"});
 
-  try {
-    client.discover();
-    FAIL() << "metadata without a registration endpoint decoded";
-  } catch (const DecodingError& error) {
-    EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
-  }
+  EXPECT_EQ(thrownBy<DecodingError>([&] { client.discover(); }).kind(),
+            DecodingError::Kind::keyNotFound);
 
   HTTPRequest request = transport.requests().front();
   EXPECT_EQ(request.method, "GET");
@@ -140,12 +138,10 @@ TEST(OAuthClientTest, AuthorizationURLCarriesEightItemsInOrderReplacingTheQuery)
 
   AuthServerMetadata broken = metadata;
   broken.authorizationEndpoint = "https://auth example/authorize";
-  try {
-    client.authorizationURL(broken, "c", "r", "s", pkce, std::nullopt, "readwrite");
-    FAIL() << "an endpoint with a space formed a URL";
-  } catch (const SyncClientError& error) {
-    EXPECT_EQ(error, SyncClientError::invalidURL("https://auth example/authorize"));
-  }
+  EXPECT_EQ(thrownBy<SyncClientError>([&] {
+              client.authorizationURL(broken, "c", "r", "s", pkce, std::nullopt, "readwrite");
+            }),
+            SyncClientError::invalidURL("https://auth example/authorize"));
   EXPECT_EQ(transport.requestCount(), 0u);
 }
 
@@ -184,16 +180,11 @@ TEST(OAuthClientTest, TokenRequestsSendOnlyTheirFormFields) {
 }
 
 TEST(OAuthClientTest, NonSuccessAnswersBecomeOAuthErrors) {
-  auto failure = [](HTTPResponse response) -> OAuthError {
+  auto failure = [](HTTPResponse response) {
     FakeHTTPTransport transport;
     transport.enqueue(std::move(response));
-    try {
-      OAuthClient("https://sync.example.test", transport).refresh(metadata, "r", "c");
-    } catch (const OAuthError& error) {
-      return error;
-    }
-    ADD_FAILURE() << "no OAuthError";
-    return OAuthError(0, "", std::nullopt);
+    OAuthClient client("https://sync.example.test", transport);
+    return thrownBy<OAuthError>([&] { client.refresh(metadata, "r", "c"); });
   };
 
   OAuthError grant = failure(FakeHTTPTransport::json(400, R"({"error":"invalid_grant"})"));
@@ -237,12 +228,7 @@ TEST(OAuthClientTest, TokenAnswersMustCarryTheRequiredMembers) {
             (OAuthTokenResponse{"a", "Bearer", 60, "r", "readwrite"}));
   for (auto kind : {DecodingError::Kind::keyNotFound, DecodingError::Kind::typeMismatch,
                     DecodingError::Kind::dataCorrupted}) {
-    try {
-      client.refresh(metadata, "r", "c");
-      ADD_FAILURE() << "a malformed token answer decoded";
-    } catch (const DecodingError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-    }
+    EXPECT_EQ(thrownBy<DecodingError>([&] { client.refresh(metadata, "r", "c"); }).kind(), kind);
   }
 }
 
