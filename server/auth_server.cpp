@@ -88,13 +88,9 @@ std::string AuthServer::checkRequest(const AuthorizationRequest& request) const 
 std::string AuthServer::issueCode(const AuthorizationRequest& request, const std::string& member,
                                   std::int64_t now) {
   std::string code = randomToken(32);
-  codes[sha256Hex(code)] = AuthCodeRecord{request.clientId,
-                                          request.redirectUri,
-                                          request.codeChallenge,
-                                          member,
-                                          checkRequest(request),
-                                          request.resource,
-                                          now + kCodeLifetimeMillis};
+  codes[sha256Hex(code)] =
+      AuthCodeRecord{request.clientId,      request.redirectUri, request.codeChallenge,    member,
+                     checkRequest(request), request.resource,    now + kCodeLifetimeMillis};
   // Stale codes would otherwise pile up in the state file.
   std::erase_if(codes, [now](const auto& entry) { return entry.second.expiresAt <= now; });
   return code;
@@ -168,9 +164,8 @@ std::size_t AuthServer::expireTokens(const std::optional<std::string>& member, b
     }
   }
   if (revokeRefresh) {
-    std::erase_if(refreshTokens, [&](const auto& entry) {
-      return !member || entry.second.member == *member;
-    });
+    std::erase_if(refreshTokens,
+                  [&](const auto& entry) { return !member || entry.second.member == *member; });
   }
   return count;
 }

@@ -11,9 +11,9 @@ TEST(BrainPath, Rules) {
   for (const char* good : {"a", "a/b", "notes/2025/plan.md", ".profile", "a/.b", "..a", "a b"}) {
     EXPECT_TRUE(isValidBrainPath(good)) << good;
   }
-  for (const std::string& bad : std::vector<std::string>{"", "/", "/a", "a/", "a//b", ".", "..",
-                                                        "a/./b", "a/..", "a\\b",
-                                                        std::string("a\0", 2)}) {
+  for (const std::string& bad :
+       std::vector<std::string>{"", "/", "/a", "a/", "a//b", ".", "..", "a/./b", "a/..", "a\\b",
+                                std::string("a\0", 2)}) {
     EXPECT_FALSE(isValidBrainPath(bad)) << bad;
   }
   EXPECT_EQ(ancestorPaths("a/b/c"), (std::vector<std::string>{"a", "a/b"}));

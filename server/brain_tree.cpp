@@ -30,6 +30,11 @@ json authorJson(const Author& author) {
 
 std::string newNodeId() { return "nd_" + randomHex(10); }
 
+json writeResultJson(const WriteReceipt& receipt) {
+  return {{"node", {{"nodeId", receipt.nodeId}, {"path", receipt.path}}},
+          {"cursor", receipt.cursor}};
+}
+
 BrainTree::BrainTree() : epoch_(randomHex(6)) {}
 
 BrainTree::BrainTree(std::string epoch, std::map<std::string, Node> nodes,
@@ -56,8 +61,7 @@ void BrainTree::checkWritable(const Actor& actor, const std::string& path) const
   }
 }
 
-void BrainTree::ensureAncestors(const std::string& path, std::int64_t now, json& ops,
-                                bool create) {
+void BrainTree::ensureAncestors(const std::string& path, std::int64_t now, json& ops, bool create) {
   for (const auto& ancestor : ancestorPaths(path)) {
     auto it = nodes_.find(ancestor);
     if (it != nodes_.end()) {
@@ -92,8 +96,8 @@ std::string BrainTree::commit(const Actor& actor, json ops, std::int64_t now) {
 }
 
 WriteReceipt BrainTree::putFile(const Actor& actor, const std::string& path,
-                                const std::optional<std::string>& title,
-                                const NodeContent& content, std::int64_t now) {
+                                const std::optional<std::string>& title, const NodeContent& content,
+                                std::int64_t now) {
   checkPath(path);
   checkWritable(actor, path);
   json ops = json::array();
@@ -159,8 +163,7 @@ WriteReceipt BrainTree::putBlob(const Actor& actor, const std::string& path,
   return putFile(actor, path, title, NodeContent{"blob", "", blobHash, blobSize}, now);
 }
 
-WriteReceipt BrainTree::makeFolder(const Actor& actor, const std::string& path,
-                                   std::int64_t now) {
+WriteReceipt BrainTree::makeFolder(const Actor& actor, const std::string& path, std::int64_t now) {
   checkPath(path);
   checkWritable(actor, path);
   json ops = json::array();
@@ -272,9 +275,9 @@ std::optional<std::int64_t> BrainTree::parseCursor(const std::string& cursor) co
 json BrainTree::snapshot() const {
   json nodes = json::array();
   for (const auto& [path, node] : nodes_) {
-    json item = {{"nodeId", node.nodeId},         {"path", node.path},
-                 {"title", node.title},           {"isDirectory", node.isDirectory},
-                 {"kind", node.kind},             {"updatedAt", formatWireTime(node.updatedAt)}};
+    json item = {{"nodeId", node.nodeId}, {"path", node.path},
+                 {"title", node.title},   {"isDirectory", node.isDirectory},
+                 {"kind", node.kind},     {"updatedAt", formatWireTime(node.updatedAt)}};
     if (node.blobHash) item["blobHash"] = *node.blobHash;
     if (node.blobSize) item["blobSize"] = *node.blobSize;
     nodes.push_back(std::move(item));

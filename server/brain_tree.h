@@ -107,8 +107,7 @@ class BrainTree {
   void checkWritable(const Actor& actor, const std::string& path) const;
   // Validates the ancestors of `path` (a file in the way is a conflict) and appends
   // mkdir ops for the missing ones; `create` says whether to make them now.
-  void ensureAncestors(const std::string& path, std::int64_t now, nlohmann::json& ops,
-                       bool create);
+  void ensureAncestors(const std::string& path, std::int64_t now, nlohmann::json& ops, bool create);
   std::string commit(const Actor& actor, nlohmann::json ops, std::int64_t now);
   std::string cursorFor(std::int64_t seq) const;
   std::optional<std::int64_t> parseCursor(const std::string& cursor) const;
@@ -122,5 +121,8 @@ class BrainTree {
 
 // New server-issued node id.
 std::string newNodeId();
+
+// A write's answer on the wire: {"node":{"nodeId","path"},"cursor"}.
+nlohmann::json writeResultJson(const WriteReceipt& receipt);
 
 }  // namespace devserver

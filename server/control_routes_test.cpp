@@ -25,7 +25,8 @@ TEST(ControlRoutes, FaultsHitTheNextMatchingRequestsOnly) {
   for (int i = 0; i < 2; ++i) {
     Reply faulted = server.get("/api/sync/brains", session.accessToken);
     EXPECT_EQ(faulted.status, 503);
-    EXPECT_EQ(faulted.json, json({{"error", {{"code", "UNAVAILABLE"}, {"message", "maintenance"}}}}));
+    EXPECT_EQ(faulted.json,
+              json({{"error", {{"code", "UNAVAILABLE"}, {"message", "maintenance"}}}}));
   }
   EXPECT_EQ(server.get("/api/sync/brains", session.accessToken).status, 200);
 
@@ -74,8 +75,8 @@ TEST(ControlRoutes, TreeGrantsAndAuthorsOfControlWrites) {
   EXPECT_EQ(byPath["bin"]["isDirectory"], true);
 
   // The default author of a control write is nobody signed in.
-  Reply feed = server.get("/api/sync/brains/" + brainId + "/changes?cursor=" +
-                              tree["brain"]["headCursor"].get<std::string>() +
+  Reply feed = server.get("/api/sync/brains/" + brainId +
+                              "/changes?cursor=" + tree["brain"]["headCursor"].get<std::string>() +
                               "&deviceId=" + session.deviceId,
                           session.accessToken);
   EXPECT_EQ(feed.json["entries"].size(), 0u);

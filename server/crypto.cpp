@@ -1,13 +1,13 @@
 #include "server/crypto.h"
 
-#include "server/base64.h"
-
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <array>
 #include <stdexcept>
 #include <vector>
+
+#include "server/base64.h"
 
 namespace devserver {
 namespace {
@@ -49,12 +49,14 @@ std::string sha256Hex(std::string_view bytes) {
 
 std::string sha256Base64Url(std::string_view bytes) {
   auto digest = sha256(bytes);
-  return base64Encode(std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size()), true);
+  return base64Encode(std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size()),
+                      true);
 }
 
 std::string randomToken(std::size_t byteCount) {
   auto bytes = randomBytes(byteCount);
-  return base64Encode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), true);
+  return base64Encode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()),
+                      true);
 }
 
 std::string randomHex(std::size_t byteCount) {

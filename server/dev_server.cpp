@@ -102,38 +102,39 @@ struct DevServer::Impl {
     server.set_payload_max_length(static_cast<std::size_t>(BlobStore::kMaxBlobSize));
     const std::string controlPrefix = options.basePath + kControlPrefix;
 
-    server.set_pre_routing_handler([this, controlPrefix](const httplib::Request& req,
-                                                         httplib::Response& res) {
-      if (req.path.rfind(controlPrefix, 0) == 0) return httplib::Server::HandlerResponse::Unhandled;
-      auto fault = faults.take(req.method, req.path);
-      if (!fault) return httplib::Server::HandlerResponse::Unhandled;
-      // Sleeping here holds no lock: other requests go on meanwhile.
-      if (fault->delayMillis > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMillis));
-      }
-      if (fault->drop) {
-        dropConnection(req);
-        res.status = 500;
-        res.set_header("Connection", "close");
-        return httplib::Server::HandlerResponse::Handled;
-      }
-      if (fault->status) {
-        sendServiceError(res, ServiceError(*fault->status, fault->code, fault->message));
-        return httplib::Server::HandlerResponse::Handled;
-      }
-      return httplib::Server::HandlerResponse::Unhandled;
-    });
+    server.set_pre_routing_handler(
+        [this, controlPrefix](const httplib::Request& req, httplib::Response& res) {
+          if (req.path.rfind(controlPrefix, 0) == 0)
+            return httplib::Server::HandlerResponse::Unhandled;
+          auto fault = faults.take(req.method, req.path);
+          if (!fault) return httplib::Server::HandlerResponse::Unhandled;
+          // Sleeping here holds no lock: other requests go on meanwhile.
+          if (fault->delayMillis > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMillis));
+          }
+          if (fault->drop) {
+            dropConnection(req);
+            res.status = 500;
+            res.set_header("Connection", "close");
+            return httplib::Server::HandlerResponse::Handled;
+          }
+          if (fault->status) {
+            sendServiceError(res, ServiceError(*fault->status, fault->code, fault->message));
+            return httplib::Server::HandlerResponse::Handled;
+          }
+          return httplib::Server::HandlerResponse::Unhandled;
+        });
 
     // Answers the library produces by itself (no route, body too large) get the
     // same envelope as everything else.
-    server.set_error_handler(httplib::Server::HandlerWithResponse(
-        [](const httplib::Request& req, httplib::Response& res) {
+    server.set_error_handler(httplib::Server::HandlerWithResponse([](const httplib::Request& req,
+                                                                     httplib::Response& res) {
       if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
       std::string code = res.status == 404   ? "NOT_FOUND"
                          : res.status == 413 ? "PAYLOAD_TOO_LARGE"
                          : res.status == 400 ? "BAD_REQUEST"
                                              : "HTTP_" + std::to_string(res.status);
-      std::string message = res.status == 404 ? "No such endpoint: " + req.method + " " + req.path
+      std::string message = res.status == 404   ? "No such endpoint: " + req.method + " " + req.path
                             : res.status == 413 ? "The request body is too large."
                                                 : "The request failed.";
       sendServiceError(res, ServiceError(res.status, code, message));

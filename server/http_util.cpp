@@ -34,8 +34,8 @@ void guarded(httplib::Response& res, const std::function<void()>& handler) {
   } catch (const OAuthFailure& failure) {
     sendOAuthFailure(res, failure);
   } catch (const json::exception& error) {
-    sendServiceError(res, ServiceError::badRequest(std::string("Malformed request: ") +
-                                                   error.what()));
+    sendServiceError(res,
+                     ServiceError::badRequest(std::string("Malformed request: ") + error.what()));
   } catch (const std::exception& error) {
     sendServiceError(res, ServiceError(500, "INTERNAL", error.what()));
   }

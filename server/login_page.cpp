@@ -16,12 +16,23 @@ std::string escapeHtml(const std::string& text) {
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out.push_back(c);
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out.push_back(c);
     }
   }
   return out;
@@ -42,21 +53,24 @@ std::string renderLoginPage(const std::string& action,
     html += "<input type=\"hidden\" name=\"" + escapeHtml(name) + "\" value=\"" +
             escapeHtml(value) + "\">";
   }
-  html += "<label for=\"member\">Member</label><input type=\"text\" id=\"member\" name=\"member\" "
-          "autocomplete=\"username\" value=\"" +
-          escapeHtml(member) + "\" autofocus>";
-  html += "<label for=\"password\">Password</label><input type=\"password\" id=\"password\" "
-          "name=\"password\" autocomplete=\"current-password\">";
-  html += "<div class=\"buttons\"><button type=\"submit\" name=\"decision\" value=\"allow\">"
-          "Allow</button><button type=\"submit\" name=\"decision\" value=\"deny\">Deny</button>"
-          "</div></form></body></html>";
+  html +=
+      "<label for=\"member\">Member</label><input type=\"text\" id=\"member\" name=\"member\" "
+      "autocomplete=\"username\" value=\"" +
+      escapeHtml(member) + "\" autofocus>";
+  html +=
+      "<label for=\"password\">Password</label><input type=\"password\" id=\"password\" "
+      "name=\"password\" autocomplete=\"current-password\">";
+  html +=
+      "<div class=\"buttons\"><button type=\"submit\" name=\"decision\" value=\"allow\">"
+      "Allow</button><button type=\"submit\" name=\"decision\" value=\"deny\">Deny</button>"
+      "</div></form></body></html>";
   return html;
 }
 
 std::string renderErrorPage(const std::string& title, const std::string& message) {
   return "<!DOCTYPE html><html><head><meta charset=\"utf-8\"><title>" + escapeHtml(title) +
-         "</title>" + kStyle + "</head><body><h1>" + escapeHtml(title) + "</h1><p class=\"error\">" +
-         escapeHtml(message) + "</p></body></html>";
+         "</title>" + kStyle + "</head><body><h1>" + escapeHtml(title) +
+         "</h1><p class=\"error\">" + escapeHtml(message) + "</p></body></html>";
 }
 
 }  // namespace devserver

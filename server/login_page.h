@@ -9,7 +9,8 @@ namespace devserver {
 
 // `fields` are the authorisation request's parameters, carried as hidden inputs
 // so that the form's POST repeats the request; `error` is shown above the form.
-std::string renderLoginPage(const std::string& action, const std::map<std::string, std::string>& fields,
+std::string renderLoginPage(const std::string& action,
+                            const std::map<std::string, std::string>& fields,
                             const std::string& clientName, const std::string& member,
                             const std::string& error);
 

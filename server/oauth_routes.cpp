@@ -57,8 +57,8 @@ void redirect(httplib::Response& res, const std::string& location) {
 
 void redirectWithError(httplib::Response& res, const AuthorizationRequest& request,
                        const OAuthFailure& failure) {
-  std::string location = appendQuery(request.redirectUri, {{"error", failure.error()},
-                                                           {"error_description", failure.what()}});
+  std::string location = appendQuery(
+      request.redirectUri, {{"error", failure.error()}, {"error_description", failure.what()}});
   if (request.state) location = appendQuery(location, {{"state", *request.state}});
   redirect(res, location);
 }
@@ -107,8 +107,9 @@ void handleAuthorize(ServiceContext& ctx, const std::map<std::string, std::strin
     return model.auth.issueCode(request, member, ctx.state.now());
   });
   if (!code) {
-    showHtml(res, 401, renderLoginPage(action, hiddenFields(fields), clientName, member,
-                                       "Wrong member name or password."));
+    showHtml(res, 401,
+             renderLoginPage(action, hiddenFields(fields), clientName, member,
+                             "Wrong member name or password."));
     return;
   }
   std::string location = appendQuery(request.redirectUri, {{"code", *code}});

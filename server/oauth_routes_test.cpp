@@ -9,9 +9,9 @@ namespace {
 using nlohmann::json;
 
 std::map<std::string, std::string> authorizeQuery(const std::string& clientId) {
-  return {{"response_type", "code"},         {"client_id", clientId},
-          {"redirect_uri", kRedirectUri},    {"state", "s 1"},
-          {"code_challenge", kChallenge},    {"code_challenge_method", "S256"},
+  return {{"response_type", "code"},      {"client_id", clientId},
+          {"redirect_uri", kRedirectUri}, {"state", "s 1"},
+          {"code_challenge", kChallenge}, {"code_challenge_method", "S256"},
           {"scope", "readwrite"}};
 }
 
@@ -44,9 +44,9 @@ TEST(OAuthRoutes, MetadataAndRegistrationLiveBelowTheBasePath) {
   Reply noRedirect = server.sendJson("POST", "/oauth/register", {{"client_name", "x"}});
   EXPECT_EQ(noRedirect.status, 400);
   EXPECT_EQ(noRedirect.json["error"], "invalid_redirect_uri");
-  Reply confidential = server.sendJson("POST", "/oauth/register",
-                                       {{"redirect_uris", {kRedirectUri}},
-                                        {"token_endpoint_auth_method", "client_secret_basic"}});
+  Reply confidential = server.sendJson(
+      "POST", "/oauth/register",
+      {{"redirect_uris", {kRedirectUri}}, {"token_endpoint_auth_method", "client_secret_basic"}});
   EXPECT_EQ(confidential.status, 400);
   EXPECT_EQ(confidential.json["error"], "invalid_client_metadata");
 
@@ -102,9 +102,9 @@ TEST(OAuthRoutes, RoundTripChecksPkceAndSpendsCodesAndRefreshTokens) {
   EXPECT_EQ(server.get("/api/sync/brains", access).status, 200);
 
   auto refreshWith = [&](const std::string& token) {
-    return server.postForm("/oauth/token", {{"grant_type", "refresh_token"},
-                                            {"client_id", clientId},
-                                            {"refresh_token", token}});
+    return server.postForm(
+        "/oauth/token",
+        {{"grant_type", "refresh_token"}, {"client_id", clientId}, {"refresh_token", token}});
   };
   Reply rotated = refreshWith(refresh);
   ASSERT_EQ(rotated.status, 200) << rotated.body;
@@ -174,9 +174,9 @@ TEST(OAuthRoutes, AuthorizationRefusals) {
 
   Reply badGrant = server.postForm("/oauth/token", {{"grant_type", "password"}});
   EXPECT_EQ(badGrant.json["error"], "unsupported_grant_type");
-  Reply badClient = server.postForm("/oauth/token", {{"grant_type", "refresh_token"},
-                                                     {"client_id", "nobody"},
-                                                     {"refresh_token", "x"}});
+  Reply badClient = server.postForm(
+      "/oauth/token",
+      {{"grant_type", "refresh_token"}, {"client_id", "nobody"}, {"refresh_token", "x"}});
   EXPECT_EQ(badClient.status, 401);
   EXPECT_EQ(badClient.json["error"], "invalid_client");
 }

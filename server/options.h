@@ -11,8 +11,8 @@
 namespace devserver {
 
 struct Options {
-  int port = 0;              // 0: pick a free port
-  std::string basePath;      // "" or "/prefix" (no trailing "/")
+  int port = 0;          // 0: pick a free port
+  std::string basePath;  // "" or "/prefix" (no trailing "/")
   std::optional<std::string> stateFile;
   std::int64_t tokenLifetimeSeconds = 3600;
   std::map<std::string, std::string> members;  // name -> password

@@ -20,6 +20,14 @@ std::optional<std::string> normalizeUuid(const std::string& text) {
   return out;
 }
 
+nlohmann::json brainJson(const Brain& brain) {
+  return {{"id", brain.id},
+          {"teamId", brain.teamId},
+          {"name", brain.name},
+          {"slug", brain.slug},
+          {"headCursor", brain.tree.headCursor()}};
+}
+
 ServiceModel::ServiceModel(std::map<std::string, std::string> members,
                            std::int64_t tokenLifetimeSeconds)
     : auth(tokenLifetimeSeconds), teamId(randomUuid()), members_(std::move(members)) {}

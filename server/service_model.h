@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -71,6 +72,9 @@ class ServiceModel {
  private:
   std::map<std::string, std::string> members_;  // name -> password
 };
+
+// A brain as the brain list shows it: {"id","teamId","name","slug","headCursor"}.
+nlohmann::json brainJson(const Brain& brain);
 
 // Lower-cases a UUID text; nothing when the text is not a UUID.
 std::optional<std::string> normalizeUuid(const std::string& text);

@@ -16,8 +16,7 @@ SharedState::SharedState(std::map<std::string, std::string> members,
       try {
         decodeState(nlohmann::json::parse(*text), model_);
       } catch (const nlohmann::json::exception& error) {
-        throw std::runtime_error("The state file " + *stateFile +
-                                 " is damaged: " + error.what());
+        throw std::runtime_error("The state file " + *stateFile + " is damaged: " + error.what());
       }
     }
   }

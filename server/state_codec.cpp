@@ -19,9 +19,9 @@ static void from_json(const json& j, Author& a) {
 }
 
 static void to_json(json& j, const Node& n) {
-  j = {{"nodeId", n.nodeId},     {"path", n.path}, {"title", n.title},
-       {"isDirectory", n.isDirectory}, {"kind", n.kind}, {"text", n.text},
-       {"version", n.version},   {"updatedAt", n.updatedAt}};
+  j = {{"nodeId", n.nodeId},           {"path", n.path},          {"title", n.title},
+       {"isDirectory", n.isDirectory}, {"kind", n.kind},          {"text", n.text},
+       {"version", n.version},         {"updatedAt", n.updatedAt}};
   if (n.blobHash) j["blobHash"] = *n.blobHash;
   if (n.blobSize) j["blobSize"] = *n.blobSize;
 }
@@ -39,8 +39,8 @@ static void from_json(const json& j, Node& n) {
 }
 
 static void to_json(json& j, const FeedRecord& r) {
-  j = {{"seq", r.seq}, {"at", r.at}, {"author", r.author}, {"deviceId", r.deviceId},
-       {"ops", r.ops}};
+  j = {
+      {"seq", r.seq}, {"at", r.at}, {"author", r.author}, {"deviceId", r.deviceId}, {"ops", r.ops}};
 }
 static void from_json(const json& j, FeedRecord& r) {
   r.seq = j.at("seq").get<std::int64_t>();
@@ -51,8 +51,12 @@ static void from_json(const json& j, FeedRecord& r) {
 }
 
 static void to_json(json& j, const Device& d) {
-  j = {{"id", d.id},       {"member", d.member},       {"name", d.name},
-       {"platform", d.platform}, {"createdAt", d.createdAt}, {"revoked", d.revoked}};
+  j = {{"id", d.id},
+       {"member", d.member},
+       {"name", d.name},
+       {"platform", d.platform},
+       {"createdAt", d.createdAt},
+       {"revoked", d.revoked}};
   if (d.lastSeenAt) j["lastSeenAt"] = *d.lastSeenAt;
 }
 static void from_json(const json& j, Device& d) {
@@ -66,8 +70,10 @@ static void from_json(const json& j, Device& d) {
 }
 
 static void to_json(json& j, const OAuthClientRecord& c) {
-  j = {{"clientId", c.clientId}, {"clientName", c.clientName},
-       {"redirectUris", c.redirectUris}, {"issuedAt", c.issuedAt}};
+  j = {{"clientId", c.clientId},
+       {"clientName", c.clientName},
+       {"redirectUris", c.redirectUris},
+       {"issuedAt", c.issuedAt}};
 }
 static void from_json(const json& j, OAuthClientRecord& c) {
   c.clientId = j.at("clientId").get<std::string>();
@@ -77,9 +83,12 @@ static void from_json(const json& j, OAuthClientRecord& c) {
 }
 
 static void to_json(json& j, const AuthCodeRecord& c) {
-  j = {{"clientId", c.clientId}, {"redirectUri", c.redirectUri},
-       {"codeChallenge", c.codeChallenge}, {"member", c.member},
-       {"scope", c.scope}, {"expiresAt", c.expiresAt}};
+  j = {{"clientId", c.clientId},
+       {"redirectUri", c.redirectUri},
+       {"codeChallenge", c.codeChallenge},
+       {"member", c.member},
+       {"scope", c.scope},
+       {"expiresAt", c.expiresAt}};
   if (c.resource) j["resource"] = *c.resource;
 }
 static void from_json(const json& j, AuthCodeRecord& c) {
@@ -93,7 +102,9 @@ static void from_json(const json& j, AuthCodeRecord& c) {
 }
 
 static void to_json(json& j, const TokenRecord& t) {
-  j = {{"member", t.member}, {"clientId", t.clientId}, {"scope", t.scope},
+  j = {{"member", t.member},
+       {"clientId", t.clientId},
+       {"scope", t.scope},
        {"expiresAt", t.expiresAt}};
 }
 static void from_json(const json& j, TokenRecord& t) {

@@ -52,9 +52,9 @@ void StateStore::Closer::operator()(sqlite3* db) const { sqlite3_close(db); }
 
 StateStore::StateStore(const std::string& path) {
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(path.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   db_.reset(db);
   if (rc != SQLITE_OK) {
     throw std::runtime_error("Cannot open the state file " + path + ": " +
@@ -91,9 +91,10 @@ std::optional<std::string> StateStore::loadState() {
 
 void StateStore::saveState(const std::string& json) {
   std::lock_guard lock(mutex_);
-  Statement stmt(db_.get(),
-                 "INSERT INTO state (id, json, saved_at) VALUES (1, ?, ?) "
-                 "ON CONFLICT(id) DO UPDATE SET json = excluded.json, saved_at = excluded.saved_at");
+  Statement stmt(
+      db_.get(),
+      "INSERT INTO state (id, json, saved_at) VALUES (1, ?, ?) "
+      "ON CONFLICT(id) DO UPDATE SET json = excluded.json, saved_at = excluded.saved_at");
   stmt.bind(1, json);
   stmt.bind(2, systemMillis());
   stmt.step();

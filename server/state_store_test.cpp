@@ -46,8 +46,8 @@ TEST(StateStore, RestartKeepsTokensDevicesCursorsAndContent) {
     session = first.signIn();
     brainId = first.createBrain("Kept", "kept");
     std::string base = "/api/sync/brains/" + brainId;
-    Reply upload = first.send("POST", base + "/blobs?deviceId=" + session.deviceId,
-                              "blob bytes", "application/octet-stream", session.accessToken);
+    Reply upload = first.send("POST", base + "/blobs?deviceId=" + session.deviceId, "blob bytes",
+                              "application/octet-stream", session.accessToken);
     ASSERT_EQ(upload.status, 200);
     Reply blob = first.sendJson("PUT", base + "/file",
                                 {{"deviceId", session.deviceId},
@@ -56,9 +56,10 @@ TEST(StateStore, RestartKeepsTokensDevicesCursorsAndContent) {
                                  {"blobSize", 10}},
                                 session.accessToken);
     ASSERT_EQ(blob.status, 200) << blob.body;
-    ASSERT_EQ(first.sendJson("PUT", base + "/file",
-                             {{"deviceId", session.deviceId}, {"path", "t.md"}, {"body", "text"}},
-                             session.accessToken)
+    ASSERT_EQ(first
+                  .sendJson("PUT", base + "/file",
+                            {{"deviceId", session.deviceId}, {"path", "t.md"}, {"body", "text"}},
+                            session.accessToken)
                   .status,
               200);
     cursor = first.get(base + "/changes?deviceId=" + session.deviceId, session.accessToken)
@@ -74,9 +75,10 @@ TEST(StateStore, RestartKeepsTokensDevicesCursorsAndContent) {
   EXPECT_EQ(feed.json["reset"], false) << "the cursor is still known";
   EXPECT_EQ(second.get(base + "/file?path=t.md&at=x", session.accessToken).json["content"], "text");
   EXPECT_EQ(second.get(base + "/file?path=b.bin&at=x", session.accessToken).body, "blob bytes");
-  EXPECT_EQ(second.sendJson("PUT", base + "/file",
-                            {{"deviceId", session.deviceId}, {"path", "ro/x.md"}, {"body", "x"}},
-                            session.accessToken)
+  EXPECT_EQ(second
+                .sendJson("PUT", base + "/file",
+                          {{"deviceId", session.deviceId}, {"path", "ro/x.md"}, {"body", "x"}},
+                          session.accessToken)
                 .errorCode(),
             "FORBIDDEN_SUBTREE");
   Reply refreshed = second.postForm("/oauth/token", {{"grant_type", "refresh_token"},
@@ -154,8 +156,9 @@ class ServerProcess {
 
 TEST(StateStore, ExecutablePrintsItsURLAndKeepsTheSeedAcrossRestarts) {
   TempDir dir;
-  std::vector<std::string> args = {"--port", "0", "--base-path", "/hv", "--quiet",
-                                   "--state", dir.file("s.sqlite"), "--seed", "demo"};
+  std::vector<std::string> args = {"--port",  "0",       "--base-path",        "/hv",
+                                   "--quiet", "--state", dir.file("s.sqlite"), "--seed",
+                                   "demo"};
   std::string headCursor;
   {
     ServerProcess process(args);

@@ -23,19 +23,6 @@ json deviceJson(const Device& device) {
   return out;
 }
 
-json brainJson(const Brain& brain) {
-  return {{"id", brain.id},
-          {"teamId", brain.teamId},
-          {"name", brain.name},
-          {"slug", brain.slug},
-          {"headCursor", brain.tree.headCursor()}};
-}
-
-json writeResultJson(const WriteReceipt& receipt) {
-  return {{"node", {{"nodeId", receipt.nodeId}, {"path", receipt.path}}},
-          {"cursor", receipt.cursor}};
-}
-
 bool isBlobHash(const std::string& text) {
   if (text.size() != 64) return false;
   for (char c : text) {
@@ -70,6 +57,14 @@ Caller identify(ServiceContext& ctx, ServiceModel& model, const httplib::Request
   return caller;
 }
 
+// The member behind the request's bearer token; 401 otherwise. Checked before
+// the body is read, so that a signed-out client learns that first.
+std::string authenticated(ServiceContext& ctx, const httplib::Request& req) {
+  return ctx.state.read([&](const ServiceModel& model) {
+    return model.authenticate(bearerToken(req), ctx.state.now());
+  });
+}
+
 std::string requiredQuery(const httplib::Request& req, const char* name) {
   auto value = queryParam(req, name);
   if (!value || value->empty()) {
@@ -86,9 +81,7 @@ void addSyncRoutes(httplib::Server& server, ServiceContext& ctx) {
 
   server.Post(api + "/devices", [&ctx](const httplib::Request& req, httplib::Response& res) {
     guarded(res, [&] {
-      std::string member = ctx.state.read([&](const ServiceModel& model) {
-        return model.authenticate(bearerToken(req), ctx.state.now());
-      });
+      std::string member = authenticated(ctx, req);
       json body = jsonBody(req);
       std::string name = requiredString(body, "name");
       std::string platform = requiredString(body, "platform");
@@ -149,8 +142,9 @@ void addSyncRoutes(httplib::Server& server, ServiceContext& ctx) {
         return *found;
       });
       if (node.kind == "text") {
-        sendJson(res, 200,
-                 {{"path", node.path}, {"at", formatWireTime(node.updatedAt)}, {"content", node.text}});
+        sendJson(
+            res, 200,
+            {{"path", node.path}, {"at", formatWireTime(node.updatedAt)}, {"content", node.text}});
         return;
       }
       auto bytes = ctx.state.blobs().read(node.blobHash.value_or(""));
@@ -162,9 +156,7 @@ void addSyncRoutes(httplib::Server& server, ServiceContext& ctx) {
 
   server.Put(brainPath + "/file", [&ctx](const httplib::Request& req, httplib::Response& res) {
     guarded(res, [&] {
-      ctx.state.read([&](const ServiceModel& model) {
-        return model.authenticate(bearerToken(req), ctx.state.now());
-      });
+      authenticated(ctx, req);
       json body = jsonBody(req);
       std::string deviceId = requiredString(body, "deviceId");
       std::string path = requiredString(body, "path");
@@ -194,8 +186,7 @@ void addSyncRoutes(httplib::Server& server, ServiceContext& ctx) {
               caller.brain->tree.putText(actor, path, title, text, ctx.state.now()));
         }
         if (ctx.state.blobs().size(blobHash) != blobSize) {
-          throw ServiceError(400, "UNKNOWN_BLOB",
-                             "No blob with this hash and size was uploaded.");
+          throw ServiceError(400, "UNKNOWN_BLOB", "No blob with this hash and size was uploaded.");
         }
         return writeResultJson(
             caller.brain->tree.putBlob(actor, path, title, blobHash, blobSize, ctx.state.now()));
@@ -206,9 +197,7 @@ void addSyncRoutes(httplib::Server& server, ServiceContext& ctx) {
 
   server.Delete(brainPath + "/file", [&ctx](const httplib::Request& req, httplib::Response& res) {
     guarded(res, [&] {
-      ctx.state.read([&](const ServiceModel& model) {
-        return model.authenticate(bearerToken(req), ctx.state.now());
-      });
+      authenticated(ctx, req);
       json body = jsonBody(req);
       std::string deviceId = requiredString(body, "deviceId");
       std::string path = requiredString(body, "path");
@@ -223,9 +212,7 @@ void addSyncRoutes(httplib::Server& server, ServiceContext& ctx) {
 
   server.Post(brainPath + "/move", [&ctx](const httplib::Request& req, httplib::Response& res) {
     guarded(res, [&] {
-      ctx.state.read([&](const ServiceModel& model) {
-        return model.authenticate(bearerToken(req), ctx.state.now());
-      });
+      authenticated(ctx, req);
       json body = jsonBody(req);
       std::string deviceId = requiredString(body, "deviceId");
       std::string fromPath = requiredString(body, "fromPath");

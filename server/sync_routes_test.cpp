@@ -116,7 +116,8 @@ TEST_F(SyncRoutes, FeedResetsThenFollowsTheCursor) {
   ASSERT_EQ(page.json["reset"], false);
   const json& entries = page.json["entries"];
   ASSERT_EQ(entries.size(), 2u) << page.body;
-  EXPECT_EQ(entries[0]["author"], json({{"kind", "agent"}, {"memberId", "bot"}, {"harness", "cli"}}));
+  EXPECT_EQ(entries[0]["author"],
+            json({{"kind", "agent"}, {"memberId", "bot"}, {"harness", "cli"}}));
   EXPECT_TRUE(isWireDate(entries[0]["at"]));
   json ops = entries[0]["ops"];
   ASSERT_EQ(ops.size(), 3u);
@@ -178,12 +179,10 @@ TEST_F(SyncRoutes, TextAndBlobFilesRoundTrip) {
   EXPECT_EQ(upload.json, json({{"hash", kAbcHash}, {"size", 3}}));
 
   auto putBlob = [&](const std::string& path, const std::string& hash, int size) {
-    return server.sendJson("PUT", brainPath("/file"),
-                           {{"deviceId", session.deviceId},
-                            {"path", path},
-                            {"blobHash", hash},
-                            {"blobSize", size}},
-                           session.accessToken);
+    return server.sendJson(
+        "PUT", brainPath("/file"),
+        {{"deviceId", session.deviceId}, {"path", path}, {"blobHash", hash}, {"blobSize", size}},
+        session.accessToken);
   };
   EXPECT_EQ(putBlob("img/a.bin", kAbcHash, 4).errorCode(), "UNKNOWN_BLOB");
   EXPECT_EQ(putBlob("img/a.bin", std::string(64, 'e'), 3).status, 400);
@@ -214,8 +213,8 @@ TEST_F(SyncRoutes, ErrorCodes) {
   EXPECT_EQ(noToken.status, 401);
   EXPECT_EQ(noToken.errorCode(), "UNAUTHORIZED");
 
-  Reply unknownDevice = server.get(brainPath("/changes?deviceId=0f0f0f0f-0000-4000-8000-000000000000"),
-                                   session.accessToken);
+  Reply unknownDevice = server.get(
+      brainPath("/changes?deviceId=0f0f0f0f-0000-4000-8000-000000000000"), session.accessToken);
   EXPECT_EQ(unknownDevice.status, 403);
   EXPECT_EQ(unknownDevice.errorCode(), "FORBIDDEN");
 
@@ -226,8 +225,9 @@ TEST_F(SyncRoutes, ErrorCodes) {
   EXPECT_EQ(unknownBrain.errorCode(), "NOT_FOUND");
   std::string upper = brainId;
   std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-  EXPECT_EQ(server.get("/api/sync/brains/" + upper + "/changes?deviceId=" + session.deviceId,
-                       session.accessToken)
+  EXPECT_EQ(server
+                .get("/api/sync/brains/" + upper + "/changes?deviceId=" + session.deviceId,
+                     session.accessToken)
                 .status,
             200);
 
@@ -250,13 +250,13 @@ TEST_F(SyncRoutes, ErrorCodes) {
   EXPECT_EQ(move("a.md", "../a.md").status, 400);
   EXPECT_EQ(move("b.md", "a.md/b").status, 409);  // a file is in the way
 
-  Reply malformed = server.send("PUT", brainPath("/file"), "{not json", "application/json",
-                                session.accessToken);
+  Reply malformed =
+      server.send("PUT", brainPath("/file"), "{not json", "application/json", session.accessToken);
   EXPECT_EQ(malformed.status, 400);
   EXPECT_EQ(malformed.errorCode(), "BAD_REQUEST");
-  Reply missingMember = server.sendJson("PUT", brainPath("/file"),
-                                        {{"deviceId", session.deviceId}, {"path", "c.md"}},
-                                        session.accessToken);
+  Reply missingMember =
+      server.sendJson("PUT", brainPath("/file"), {{"deviceId", session.deviceId}, {"path", "c.md"}},
+                      session.accessToken);
   EXPECT_EQ(missingMember.status, 400);
   EXPECT_EQ(server.get(brainPath("/changes"), session.accessToken).status, 400);
 

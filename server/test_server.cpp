@@ -33,9 +33,8 @@ TestServer::TestServer(Options options) : basePath_(options.basePath) {
 
 TestServer::~TestServer() = default;
 
-Reply TestServer::send(const std::string& method, const std::string& path,
-                       const std::string& body, const std::string& contentType,
-                       const std::string& token) {
+Reply TestServer::send(const std::string& method, const std::string& path, const std::string& body,
+                       const std::string& contentType, const std::string& token) {
   httplib::Client client("127.0.0.1", server_->port());
   client.set_read_timeout(10, 0);
   httplib::Headers headers;
@@ -123,8 +122,8 @@ Session TestServer::signIn(const std::string& member, const std::string& passwor
   EXPECT_EQ(tokens.status, 200) << tokens.body;
   session.accessToken = tokens.json.value("access_token", "");
   session.refreshToken = tokens.json.value("refresh_token", "");
-  Reply device = sendJson("POST", "/api/sync/devices", {{"name", "test box"}, {"platform", "linux"}},
-                          session.accessToken);
+  Reply device = sendJson("POST", "/api/sync/devices",
+                          {{"name", "test box"}, {"platform", "linux"}}, session.accessToken);
   EXPECT_EQ(device.status, 201) << device.body;
   session.deviceId = device.json["device"].value("id", "");
   return session;
