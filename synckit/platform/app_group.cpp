@@ -34,12 +34,15 @@ std::filesystem::path applicationSupport(const std::filesystem::path& container)
 // is none. Covers the Unicode white space characters a pasted URL may carry
 // (no-break space, line and paragraph separators, ideographic space, ...).
 std::size_t leadingSpaceLength(std::string_view text) {
+  // clang-format off
   static constexpr std::string_view spaces[] = {
       " ", "\t", "\n", "\v", "\f", "\r",
       "\xC2\x85", "\xC2\xA0", "\xE1\x9A\x80",
-      "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82", "\xE2\x80\x83", "\xE2\x80\x84", "\xE2\x80\x85",
-      "\xE2\x80\x86", "\xE2\x80\x87", "\xE2\x80\x88", "\xE2\x80\x89", "\xE2\x80\x8A",
-      "\xE2\x80\xA8", "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F", "\xE3\x80\x80"};
+      "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82", "\xE2\x80\x83", "\xE2\x80\x84",
+      "\xE2\x80\x85", "\xE2\x80\x86", "\xE2\x80\x87", "\xE2\x80\x88", "\xE2\x80\x89",
+      "\xE2\x80\x8A", "\xE2\x80\xA8", "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F",
+      "\xE3\x80\x80"};
+  // clang-format on
   for (std::string_view space : spaces) {
     if (text.starts_with(space)) return space.size();
   }
@@ -73,7 +76,8 @@ std::string lowercased(std::string text) {
 }  // namespace
 
 std::string identifier() {
-  return std::string(AppIdentity::teamPrefix) + "." + std::string(AppIdentity::applicationIdentifier);
+  return std::string(AppIdentity::teamPrefix) + "." +
+         std::string(AppIdentity::applicationIdentifier);
 }
 
 std::string keychainAccessGroup() { return identifier() + ".shared"; }
@@ -90,7 +94,9 @@ std::filesystem::path spoolDirectory(const std::filesystem::path& container) {
 
 std::filesystem::path databaseURL() { return MetadataStore::databaseURL(containerURL()); }
 
-std::filesystem::path executionLockURL() { return databaseURL().parent_path() / "sync-execution.lock"; }
+std::filesystem::path executionLockURL() {
+  return databaseURL().parent_path() / "sync-execution.lock";
+}
 
 std::filesystem::path spoolDirectory() { return spoolDirectory(containerURL()); }
 

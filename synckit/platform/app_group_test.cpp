@@ -1,8 +1,8 @@
 #include "synckit/platform/app_group.h"
 
-#include <fstream>
-
 #include <gtest/gtest.h>
+
+#include <fstream>
 
 #include "synckit/platform/app_identity.h"
 #include "synckit/store/metadata_store_error.h"
@@ -58,7 +58,8 @@ TEST(AppGroupTest, ContainerComesFromTheFirstUsableVariable) {
     FAIL() << "expected containerUnavailable";
   } catch (const MetadataStoreError& error) {
     EXPECT_EQ(error, MetadataStoreError::containerUnavailable(AppGroup::identifier()));
-    EXPECT_EQ(error.description(), "The shared container for HVK7Q2M4RZ.dev.halvark.Halvark is unavailable.");
+    EXPECT_EQ(error.description(),
+              "The shared container for HVK7Q2M4RZ.dev.halvark.Halvark is unavailable.");
   }
   EXPECT_THROW(AppGroup::databaseURL(), MetadataStoreError);
   EXPECT_THROW(AppGroup::executionLockURL(), MetadataStoreError);
@@ -75,7 +76,8 @@ TEST(AppGroupTest, LocationsSitInsideTheContainerWithoutTouchingDisk) {
   EXPECT_EQ(AppGroup::executionLockURL(), support / "sync-execution.lock");
   EXPECT_EQ(AppGroup::executionLockURL().parent_path(), AppGroup::databaseURL().parent_path());
   EXPECT_EQ(AppGroup::spoolDirectory(), support / "Spool");
-  EXPECT_EQ(AppGroup::spoolDirectory("/c"), std::filesystem::path("/c/Library/Application Support/Halvark/Spool"));
+  EXPECT_EQ(AppGroup::spoolDirectory("/c"),
+            std::filesystem::path("/c/Library/Application Support/Halvark/Spool"));
   EXPECT_EQ(AppGroup::tokenFileURL().parent_path(), support);
   EXPECT_FALSE(std::filesystem::exists(temp / "Library"));
 
@@ -95,7 +97,8 @@ TEST(AppGroupTest, SharedDefaultsAreReadAfreshOnEveryAccess) {
 
   // Another process (or the user) edits the file: the next read sees it.
   std::filesystem::create_directories(defaults->file().parent_path());
-  std::ofstream(defaults->file()) << R"({"HVBaseURLOverride": " http://127.0.0.1:4100/base\n", "other": 3})";
+  std::ofstream(defaults->file())
+      << R"({"HVBaseURLOverride": " http://127.0.0.1:4100/base\n", "other": 3})";
   EXPECT_EQ(defaults->string("HVBaseURLOverride"), " http://127.0.0.1:4100/base\n");
   EXPECT_EQ(AppGroup::baseURL(), "http://127.0.0.1:4100/base");
   EXPECT_EQ(defaults->string("other"), std::nullopt);  // not a string

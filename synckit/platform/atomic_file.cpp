@@ -1,13 +1,13 @@
 #include "synckit/platform/atomic_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <string>
 #include <system_error>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "synckit/base/error.h"
 
@@ -56,7 +56,8 @@ void writeAll(int fd, std::span<const std::uint8_t> data) {
 void write(const std::filesystem::path& file, std::span<const std::uint8_t> data, mode_t mode) {
   // The temporary name starts with a dot so that directory scans that look
   // for well-formed entry names never mistake it for one.
-  std::string pattern = (file.parent_path() / ("." + file.filename().string() + ".XXXXXX")).string();
+  std::string pattern =
+      (file.parent_path() / ("." + file.filename().string() + ".XXXXXX")).string();
   FileDescriptor fd(::mkostemp(pattern.data(), O_CLOEXEC));
   if (fd.get() < 0) throwErrno();
   try {

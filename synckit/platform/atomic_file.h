@@ -1,10 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <optional>
 #include <span>
-
-#include <sys/types.h>
 
 #include "synckit/base/bytes.h"
 
@@ -18,7 +18,8 @@ namespace AtomicFile {
 // Writes `data` to a temporary file beside `file`, flushes it, gives it
 // `mode` and renames it over `file`, so readers see the old or the new
 // content, never a mix. The parent directory must exist.
-void write(const std::filesystem::path& file, std::span<const std::uint8_t> data, mode_t mode = 0644);
+void write(const std::filesystem::path& file, std::span<const std::uint8_t> data,
+           mode_t mode = 0644);
 
 // The whole content of `file`; absent when it does not exist.
 std::optional<Bytes> read(const std::filesystem::path& file);

@@ -36,7 +36,9 @@ bool ConflictSpool::exists(std::string_view name) const {
   return std::filesystem::exists(entryPath(directory, name), error);
 }
 
-void ConflictSpool::remove(std::string_view name) const { AtomicFile::remove(entryPath(directory, name)); }
+void ConflictSpool::remove(std::string_view name) const {
+  AtomicFile::remove(entryPath(directory, name));
+}
 
 void ConflictSpool::writeNewCopy(std::span<const std::uint8_t> bytes, std::int64_t id) const {
   remove(editKey(id));
@@ -58,7 +60,8 @@ std::string ConflictSpool::editKey(std::int64_t id) { return "edit-" + std::to_s
 std::string ConflictSpool::copyKey(std::int64_t id) { return "copy-" + std::to_string(id); }
 
 std::string ConflictSpool::nodeKey(std::string_view nodeId) {
-  return "node-" + hexLower(std::span(reinterpret_cast<const std::uint8_t*>(nodeId.data()), nodeId.size()));
+  return "node-" +
+         hexLower(std::span(reinterpret_cast<const std::uint8_t*>(nodeId.data()), nodeId.size()));
 }
 
 }  // namespace synckit

@@ -54,7 +54,8 @@ std::vector<std::filesystem::path> listFiles(const std::filesystem::path& direct
   std::filesystem::directory_iterator entries(directory, error);
   if (error) throw PosixError(error.value() > 0 ? error.value() : EIO);
   std::vector<std::filesystem::path> files;
-  for (auto entry = std::filesystem::begin(entries); entry != std::filesystem::end(entries); entry.increment(error)) {
+  for (auto entry = std::filesystem::begin(entries); entry != std::filesystem::end(entries);
+       entry.increment(error)) {
     if (error) throw PosixError(error.value() > 0 ? error.value() : EIO);
     std::error_code typeError;
     if (!entry->is_directory(typeError)) files.push_back(entry->path());

@@ -1,13 +1,11 @@
 #include "synckit/platform/conflict_spool.h"
 
-#include <fstream>
-#include <set>
-
-#include <csignal>
-
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <gtest/gtest.h>
+#include <csignal>
+#include <fstream>
+#include <set>
 
 #include "synckit/base/error.h"
 #include "synckit/store/metadata_store.h"
@@ -20,7 +18,8 @@ using testing::TemporaryDirectory;
 
 std::set<std::string> entryNames(const std::filesystem::path& directory) {
   std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory)) names.insert(entry.path().filename());
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.insert(entry.path().filename());
   return names;
 }
 
@@ -153,30 +152,34 @@ class ConflictSpoolPruneTest : public ::testing::Test {
 TEST_F(ConflictSpoolPruneTest, DeletesOnlyEntriesWhoseChangeOrNodeIsGone) {
   keepOnlyPendingChange(7);
   ConflictSpool spool{temp / "Spool"};
+  // clang-format off
+  std::set<std::string> kept{
+      "edit-7", "copy-7", "edit-+7", "edit-007",    // change 7 still waits
+      "notes.txt", "edit-", "edit-abc", "copy-7x",  // no decimal id
+      "edit-99999999999999999999",                  // too large to be an id
+      "node-", "node-6e3", "node-zz",               // does not decode
+      "node-6E2D31",                                // "n-1" in upper-case digits
+      "node-636166c3a9",                            // "café"
+      "node-ff", "node-c3", "node-e282",            // one U+FFFD each
+      "nodes-6e2d32"};
+  const std::set<std::string> deleted{
+      "edit-8", "copy-12",
+      "node-6e2d32",                                // "n-2"
+      "node-63616fc3a9",                            // "caoé"
+      "node-e282e282"};                             // two U+FFFD
+  // clang-format on
   std::filesystem::create_directories(spool.directory);
-  for (const char* name : {"edit-7", "edit-8", "copy-7", "copy-12", "edit-+7", "edit-007", "notes.txt",
-                           "edit-", "edit-abc", "copy-7x", "edit-99999999999999999999", "node-", "node-6e3",
-                           "node-zz", "node-6E2D31", "node-6e2d32", "node-63616fc3a9", "node-636166c3a9",
-                           "node-ff", "node-c3", "node-e282", "node-e282e282", "nodes-6e2d32"}) {
-    touch(spool.directory / name);
+  for (const auto& names : {kept, deleted}) {
+    for (const std::string& name : names) touch(spool.directory / name);
   }
-  std::filesystem::create_directory(spool.directory / "edit-8-folder");
-  std::filesystem::create_directory(spool.directory / "edit-9");
+  for (const char* folder : {"edit-8-folder", "edit-9"}) {
+    std::filesystem::create_directory(spool.directory / folder);
+    kept.insert(folder);
+  }
 
   spool.prune(*store);
 
-  EXPECT_EQ(entryNames(spool.directory),
-            (std::set<std::string>{
-                "edit-7", "copy-7", "edit-+7", "edit-007",         // change 7 still waits
-                "notes.txt", "edit-", "edit-abc", "copy-7x",        // not a decimal id
-                "edit-99999999999999999999",                        // does not fit: not an id
-                "node-", "node-6e3", "node-zz",                     // does not decode
-                "node-6E2D31",                                      // "n-1", upper-case digits
-                "node-636166c3a9",                                  // "café"
-                "node-ff", "node-c3", "node-e282",                  // each one U+FFFD
-                "nodes-6e2d32", "edit-8-folder", "edit-9"}));
-  // Deleted: edit-8, copy-12, node-6e2d32 ("n-2"), node-63616fc3a9 ("cao"
-  // + "é"), node-e282e282 (two U+FFFD).
+  EXPECT_EQ(entryNames(spool.directory), kept);
 }
 
 TEST_F(ConflictSpoolPruneTest, ForgetsNodeEntriesOnceTheNodeIsGone) {
@@ -188,7 +191,8 @@ TEST_F(ConflictSpoolPruneTest, ForgetsNodeEntriesOnceTheNodeIsGone) {
 
   store->deleteNode(brainId, "n-1");
   spool.prune(*store);
-  EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{ConflictSpool::nodeKey("caf\u00e9")}));
+  EXPECT_EQ(entryNames(spool.directory),
+            (std::set<std::string>{ConflictSpool::nodeKey("caf\u00e9")}));
 
   // A node only counts while some stored brain has it.
   store->deleteBrain(brainId);

@@ -1,12 +1,12 @@
 #include "synckit/platform/file_lock.h"
 
-#include <cerrno>
-#include <chrono>
-#include <string.h>
-
 #include <fcntl.h>
+#include <string.h>
 #include <sys/file.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
 
 #include "synckit/base/cancellation.h"
 #include "synckit/base/error.h"
@@ -18,7 +18,9 @@ constexpr std::chrono::milliseconds retryInterval{20};
 
 // Callers switch on the code, so a value the C library cannot name is
 // reported as a plain I/O error.
-PosixError posixError(int code) { return PosixError(strerrordesc_np(code) != nullptr ? code : EIO); }
+PosixError posixError(int code) {
+  return PosixError(strerrordesc_np(code) != nullptr ? code : EIO);
+}
 
 }  // namespace
 

@@ -7,7 +7,8 @@ namespace synckit::IgnoreList {
 namespace {
 
 const std::unordered_set<std::string_view>& ignoredNames() {
-  static const std::unordered_set<std::string_view> names{".DS_Store", ".localized", "Icon\r", ".gitkeep"};
+  static const std::unordered_set<std::string_view> names{".DS_Store", ".localized", "Icon\r",
+                                                          ".gitkeep"};
   return names;
 }
 

@@ -1,8 +1,8 @@
 #include "synckit/platform/keychain_token_store.h"
 
-#include <memory>
-
 #include <libsecret/secret.h>
+
+#include <memory>
 
 #include "synckit/platform/app_group.h"
 #include "synckit/platform/app_identity.h"
@@ -30,14 +30,20 @@ const SecretSchema& tokenSchema() {
   static const std::string service(KeychainTokenStore::serviceAttribute);
   static const std::string account(KeychainTokenStore::accountAttribute);
   static const std::string accessGroup(KeychainTokenStore::accessGroupAttribute);
-  static const SecretSchema schema = {
-      name.c_str(),
-      SECRET_SCHEMA_NONE,
-      {{service.c_str(), SECRET_SCHEMA_ATTRIBUTE_STRING},
-       {account.c_str(), SECRET_SCHEMA_ATTRIBUTE_STRING},
-       {accessGroup.c_str(), SECRET_SCHEMA_ATTRIBUTE_STRING},
-       {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-      0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+  static const SecretSchema schema = {name.c_str(),
+                                      SECRET_SCHEMA_NONE,
+                                      {{service.c_str(), SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                       {account.c_str(), SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                       {accessGroup.c_str(), SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                       {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
+                                      0,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr};
   return schema;
 }
 
@@ -67,7 +73,8 @@ std::string KeychainTokenStore::defaultService() {
   return std::string(AppIdentity::applicationIdentifier) + ".tokens";
 }
 
-KeychainTokenStore::KeychainTokenStore() : KeychainTokenStore(defaultService(), AppGroup::keychainAccessGroup()) {}
+KeychainTokenStore::KeychainTokenStore()
+    : KeychainTokenStore(defaultService(), AppGroup::keychainAccessGroup()) {}
 
 KeychainTokenStore::KeychainTokenStore(std::string service, std::string accessGroup)
     : service(std::move(service)), accessGroup(std::move(accessGroup)) {}
@@ -99,14 +106,15 @@ void KeychainTokenStore::save(const TokenSet& tokens) {
   Bytes json = encodeTokenSet(tokens);
   auto attributes = itemAttributes(*this);
   std::unique_ptr<SecretValue, SecretValueUnref> value(
-      secret_value_new(reinterpret_cast<const gchar*>(json.data()), static_cast<gssize>(json.size()),
-                       "application/json"));
+      secret_value_new(reinterpret_cast<const gchar*>(json.data()),
+                       static_cast<gssize>(json.size()), "application/json"));
   std::string label = std::string(AppIdentity::applicationIdentifier) + " sign-in tokens";
   GError* rawError = nullptr;
   // Storing with the same attributes replaces the existing item, so there is
   // never more than one.
-  gboolean stored = secret_password_storev_binary_sync(&tokenSchema(), attributes.get(), SECRET_COLLECTION_DEFAULT,
-                                                       label.c_str(), value.get(), nullptr, &rawError);
+  gboolean stored = secret_password_storev_binary_sync(&tokenSchema(), attributes.get(),
+                                                       SECRET_COLLECTION_DEFAULT, label.c_str(),
+                                                       value.get(), nullptr, &rawError);
   ErrorPtr error(rawError);
   if (!stored || error) throwStatus(error);
 }

@@ -17,10 +17,11 @@ class KeychainTokenStoreError : public Error {
 
   // `message` is the keychain's own text for the status; "unknown error" is
   // shown when there is none.
-  static KeychainTokenStoreError unexpectedStatus(std::int32_t status,
-                                                  std::optional<std::string> message = std::nullopt) {
+  static KeychainTokenStoreError unexpectedStatus(
+      std::int32_t status, std::optional<std::string> message = std::nullopt) {
     std::string text = message && !message->empty() ? *message : std::string("unknown error");
-    return KeychainTokenStoreError(status, "Keychain error " + std::to_string(status) + ": " + text);
+    return KeychainTokenStoreError(status,
+                                   "Keychain error " + std::to_string(status) + ": " + text);
   }
 
   Kind kind() const noexcept { return Kind::unexpectedStatus; }

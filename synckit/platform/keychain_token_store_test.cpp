@@ -2,11 +2,10 @@
 // session bus with an unlocked keyring daemon.
 #include "synckit/platform/keychain_token_store.h"
 
-#include <memory>
-
+#include <gtest/gtest.h>
 #include <libsecret/secret.h>
 
-#include <gtest/gtest.h>
+#include <memory>
 
 #include "synckit/base/error.h"
 #include "synckit/base/uuid.h"
@@ -31,16 +30,25 @@ ItemList findItems(const KeychainTokenStore& store) {
        {KeychainTokenStore::accountAttribute.data(), SECRET_SCHEMA_ATTRIBUTE_STRING},
        {KeychainTokenStore::accessGroupAttribute.data(), SECRET_SCHEMA_ATTRIBUTE_STRING},
        {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-      0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+      0,
+      nullptr,
+      nullptr,
+      nullptr,
+      nullptr,
+      nullptr,
+      nullptr,
+      nullptr};
   std::unique_ptr<GHashTable, decltype(&g_hash_table_unref)> attributes(
-      secret_attributes_build(&anySchema, KeychainTokenStore::serviceAttribute.data(), store.service.c_str(),
-                              KeychainTokenStore::accountAttribute.data(), KeychainTokenStore::account.data(),
-                              KeychainTokenStore::accessGroupAttribute.data(), store.accessGroup.c_str(), nullptr),
+      secret_attributes_build(
+          &anySchema, KeychainTokenStore::serviceAttribute.data(), store.service.c_str(),
+          KeychainTokenStore::accountAttribute.data(), KeychainTokenStore::account.data(),
+          KeychainTokenStore::accessGroupAttribute.data(), store.accessGroup.c_str(), nullptr),
       &g_hash_table_unref);
   GError* error = nullptr;
   GList* items = secret_service_search_sync(
       nullptr, &anySchema, attributes.get(),
-      static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_LOAD_SECRETS), nullptr, &error);
+      static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_LOAD_SECRETS), nullptr,
+      &error);
   if (error != nullptr) {
     ADD_FAILURE() << "search failed: " << error->message;
     g_error_free(error);
@@ -64,14 +72,16 @@ KeychainTokenStore freshStore() {
 }
 
 TEST(KeychainTokenStoreTest, RoundTripsAndClearsOneItem) {
-  ASSERT_TRUE(KeychainTokenStore::isAvailable()) << "no Secret Service; run through scripts/with-keyring";
+  ASSERT_TRUE(KeychainTokenStore::isAvailable())
+      << "no Secret Service; run through scripts/with-keyring";
   KeychainTokenStore store = freshStore();
   EXPECT_EQ(store.load(), std::nullopt);
   EXPECT_NO_THROW(store.clear());
 
   store.save(TokenSet{"access-\u00e9", "refresh-1"});
   EXPECT_EQ(store.load(), (TokenSet{"access-\u00e9", "refresh-1"}));
-  EXPECT_EQ(KeychainTokenStore(store.service, store.accessGroup).load(), (TokenSet{"access-\u00e9", "refresh-1"}));
+  EXPECT_EQ(KeychainTokenStore(store.service, store.accessGroup).load(),
+            (TokenSet{"access-\u00e9", "refresh-1"}));
 
   // The item is told apart by every attribute.
   EXPECT_EQ(KeychainTokenStore(store.service, store.accessGroup + ".other").load(), std::nullopt);
@@ -79,7 +89,9 @@ TEST(KeychainTokenStoreTest, RoundTripsAndClearsOneItem) {
 
   ItemList items = findItems(store);
   ASSERT_EQ(g_list_length(items.get()), 1u);
-  EXPECT_EQ(itemSecret(items.get()), R"({"accessToken":"access-)" "\u00e9" R"(","refreshToken":"refresh-1"})");
+  EXPECT_EQ(itemSecret(items.get()), R"({"accessToken":"access-)"
+                                     "\u00e9"
+                                     R"(","refreshToken":"refresh-1"})");
 
   store.clear();
   EXPECT_EQ(store.load(), std::nullopt);
@@ -109,7 +121,8 @@ TEST(KeychainTokenStoreTest, DamagedItemFailsToLoadAndStaysInPlace) {
     std::unique_ptr<SecretValue, decltype(&secret_value_unref)> damaged(
         secret_value_new("{\"accessToken\": \"access\"", -1, "text/plain"), &secret_value_unref);
     GError* error = nullptr;
-    ASSERT_TRUE(secret_item_set_secret_sync(SECRET_ITEM(items->data), damaged.get(), nullptr, &error));
+    ASSERT_TRUE(
+        secret_item_set_secret_sync(SECRET_ITEM(items->data), damaged.get(), nullptr, &error));
   }
 
   try {

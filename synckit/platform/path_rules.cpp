@@ -9,7 +9,8 @@ bool isNormalizedWritePath(std::string_view path) {
   std::size_t start = 0;
   for (;;) {
     std::size_t slash = path.find('/', start);
-    std::string_view component = path.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    std::string_view component = path.substr(
+        start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
     if (component.empty() || component == "." || component == "..") return false;
     if (slash == std::string_view::npos) return true;
     start = slash + 1;

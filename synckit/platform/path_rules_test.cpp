@@ -10,15 +10,15 @@ namespace {
 using namespace std::string_view_literals;
 
 TEST(PathRulesTest, AcceptsPlainRelativePaths) {
-  for (std::string_view path : {"a"sv, "a/b.txt"sv, "Notes/2025/März.md"sv, "a/.../b"sv, "a/.hidden"sv,
-                                "..a/b.."sv, "a b/c d"sv, ".DS_Store"sv}) {
+  for (std::string_view path : {"a"sv, "a/b.txt"sv, "Notes/2025/März.md"sv, "a/.../b"sv,
+                                "a/.hidden"sv, "..a/b.."sv, "a b/c d"sv, ".DS_Store"sv}) {
     EXPECT_TRUE(PathRules::isNormalizedWritePath(path)) << path;
   }
 }
 
 TEST(PathRulesTest, RejectsEmptyDotAndEscapingComponents) {
-  for (std::string_view path : {""sv, "/"sv, "/a"sv, "a/"sv, "a//b"sv, "a/./b"sv, "a/../b"sv, "."sv, ".."sv,
-                                "./a"sv, "a/.."sv, "a\\b"sv, "\\"sv, "a\0b"sv, "a/b\0"sv}) {
+  for (std::string_view path : {""sv, "/"sv, "/a"sv, "a/"sv, "a//b"sv, "a/./b"sv, "a/../b"sv, "."sv,
+                                ".."sv, "./a"sv, "a/.."sv, "a\\b"sv, "\\"sv, "a\0b"sv, "a/b\0"sv}) {
     EXPECT_FALSE(PathRules::isNormalizedWritePath(path)) << path;
   }
 }
@@ -28,8 +28,9 @@ TEST(IgnoreListTest, MatchesOnlyTheLastComponentExactly) {
                                 "Icon\r"sv, "keep/.gitkeep"sv}) {
     EXPECT_TRUE(IgnoreList::isIgnored(path)) << path;
   }
-  for (std::string_view path : {".ds_store"sv, "Icon"sv, "folder/Icon"sv, "Icon\r\n"sv, "folder/.gitkeep/child"sv,
-                                ".DS_Store/notes.txt"sv, ".DS_Store "sv, "x.gitkeep"sv, ""sv, "folder/"sv}) {
+  for (std::string_view path :
+       {".ds_store"sv, "Icon"sv, "folder/Icon"sv, "Icon\r\n"sv, "folder/.gitkeep/child"sv,
+        ".DS_Store/notes.txt"sv, ".DS_Store "sv, "x.gitkeep"sv, ""sv, "folder/"sv}) {
     EXPECT_FALSE(IgnoreList::isIgnored(path)) << path;
   }
 }

@@ -13,7 +13,8 @@ namespace {
 std::optional<nlohmann::json> readObject(const std::filesystem::path& file) {
   auto content = AtomicFile::read(file);
   if (!content) return nlohmann::json::object();
-  auto value = nlohmann::json::parse(content->begin(), content->end(), nullptr, /*allow_exceptions=*/false);
+  auto value =
+      nlohmann::json::parse(content->begin(), content->end(), nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded() || !value.is_object()) return std::nullopt;
   return value;
 }
@@ -41,8 +42,9 @@ void SharedDefaults::set(std::string_view key, const std::optional<std::string>&
   if (!object) {
     // Replacing a file we cannot parse would throw away whatever the user
     // put there by hand; refuse instead.
-    throw DecodingError(DecodingError::Kind::dataCorrupted,
-                        "The shared defaults file \u201c" + file_.string() + "\u201d does not hold a JSON object.");
+    throw DecodingError(
+        DecodingError::Kind::dataCorrupted,
+        "The shared defaults file \u201c" + file_.string() + "\u201d does not hold a JSON object.");
   }
   if (value) {
     (*object)[std::string(key)] = *value;

@@ -1,17 +1,16 @@
 #include "synckit/platform/sync_execution_owner.h"
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "synckit/base/error.h"
 #include "synckit/testing/temporary_directory.h"
@@ -24,7 +23,8 @@ using testing::TemporaryDirectory;
 
 std::size_t openDescriptorCount() {
   std::size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    ++count;
   return count;
 }
 
@@ -122,7 +122,8 @@ TEST(SyncExecutionOwnerTest, ReleasesTheLockAndFileWhenTheBodyThrows) {
   SyncExecutionOwner owner{temp / "sync-execution.lock"};
   std::size_t descriptorsBefore = openDescriptorCount();
 
-  EXPECT_THROW(owner.run([]() -> int { throw std::runtime_error("body failed"); }), std::runtime_error);
+  EXPECT_THROW(owner.run([]() -> int { throw std::runtime_error("body failed"); }),
+               std::runtime_error);
   EXPECT_TRUE(lockIsFree(owner.url));
   EXPECT_EQ(openDescriptorCount(), descriptorsBefore);
   EXPECT_EQ(std::filesystem::status(owner.url).permissions() & std::filesystem::perms::all,
@@ -169,13 +170,10 @@ TEST(SyncExecutionOwnerTest, CancellingAWaitingRunEndsItWithoutTheBody) {
   // A stop requested before the run begins never runs the body either, even
   // when the lock is free.
   ::close(holder);
-  std::jthread early([&](std::stop_token stop) {
-    CancellationScope scope(stop);
-    while (!stop.stop_requested()) std::this_thread::yield();
-    EXPECT_THROW(owner.run([&] { bodyRan = true; }), CancellationError);
-  });
-  early.request_stop();
-  early.join();
+  std::stop_source stopped;
+  stopped.request_stop();
+  CancellationScope scope(stopped.get_token());
+  EXPECT_THROW(owner.run([&] { bodyRan = true; }), CancellationError);
   EXPECT_FALSE(bodyRan);
   EXPECT_TRUE(lockIsFree(owner.url));
 }

@@ -10,16 +10,18 @@ namespace {
 std::string requiredString(const nlohmann::json& object, const char* key) {
   auto found = object.find(key);
   if (found == object.end()) {
-    throw DecodingError(DecodingError::Kind::keyNotFound,
-                        std::string("The stored tokens are incomplete: \"") + key + "\" is missing.");
+    throw DecodingError(
+        DecodingError::Kind::keyNotFound,
+        std::string("The stored tokens are incomplete: \"") + key + "\" is missing.");
   }
   if (found->is_null()) {
     throw DecodingError(DecodingError::Kind::valueNotFound,
                         std::string("The stored tokens are incomplete: \"") + key + "\" is null.");
   }
   if (!found->is_string()) {
-    throw DecodingError(DecodingError::Kind::typeMismatch,
-                        std::string("The stored tokens are damaged: \"") + key + "\" is not a string.");
+    throw DecodingError(
+        DecodingError::Kind::typeMismatch,
+        std::string("The stored tokens are damaged: \"") + key + "\" is not a string.");
   }
   return found->get<std::string>();
 }
@@ -40,10 +42,12 @@ Bytes encodeTokenSet(const TokenSet& tokens) {
 TokenSet decodeTokenSet(std::span<const std::uint8_t> data) {
   auto value = nlohmann::json::parse(data.begin(), data.end(), nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded()) {
-    throw DecodingError(DecodingError::Kind::dataCorrupted, "The stored tokens are not valid JSON.");
+    throw DecodingError(DecodingError::Kind::dataCorrupted,
+                        "The stored tokens are not valid JSON.");
   }
   if (!value.is_object()) {
-    throw DecodingError(DecodingError::Kind::typeMismatch, "The stored tokens are not a JSON object.");
+    throw DecodingError(DecodingError::Kind::typeMismatch,
+                        "The stored tokens are not a JSON object.");
   }
   return TokenSet{requiredString(value, "accessToken"), requiredString(value, "refreshToken")};
 }

@@ -9,7 +9,8 @@ namespace synckit {
 
 std::unique_ptr<TokenPersisting> makeTokenStore(KeychainTokenStore keychain,
                                                 std::optional<std::filesystem::path> fallbackFile) {
-  if (KeychainTokenStore::isAvailable()) return std::make_unique<KeychainTokenStore>(std::move(keychain));
+  if (KeychainTokenStore::isAvailable())
+    return std::make_unique<KeychainTokenStore>(std::move(keychain));
   std::filesystem::path file = fallbackFile ? std::move(*fallbackFile) : AppGroup::tokenFileURL();
   Logger(std::string(AppIdentity::applicationIdentifier), "keychain")
       .error("No Secret Service answered; keeping the sign-in tokens in %s (readable only by you)",

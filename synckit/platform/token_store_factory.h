@@ -14,7 +14,8 @@ namespace synckit {
 // when not given), announced by one line in the log. Throws
 // MetadataStoreError::containerUnavailable when the fallback is needed and
 // no container can be derived. Call once at start-up, from any thread.
-std::unique_ptr<TokenPersisting> makeTokenStore(KeychainTokenStore keychain = KeychainTokenStore(),
-                                                std::optional<std::filesystem::path> fallbackFile = std::nullopt);
+std::unique_ptr<TokenPersisting> makeTokenStore(
+    KeychainTokenStore keychain = KeychainTokenStore(),
+    std::optional<std::filesystem::path> fallbackFile = std::nullopt);
 
 }  // namespace synckit

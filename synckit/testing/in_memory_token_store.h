@@ -17,12 +17,14 @@ class InMemoryTokenStore : public TokenPersisting {
  public:
   enum class Operation { load, save, clear };
 
-  explicit InMemoryTokenStore(std::optional<TokenSet> initial = std::nullopt) : tokens_(std::move(initial)) {}
+  explicit InMemoryTokenStore(std::optional<TokenSet> initial = std::nullopt)
+      : tokens_(std::move(initial)) {}
 
   // The failure used when a test does not name one: a keychain status that
   // stands for "the keychain could not be reached".
   static std::exception_ptr defaultFailure() {
-    return std::make_exception_ptr(KeychainTokenStoreError::unexpectedStatus(-25308, "The keychain is not available."));
+    return std::make_exception_ptr(
+        KeychainTokenStoreError::unexpectedStatus(-25308, "The keychain is not available."));
   }
 
   // Makes `operation` throw `error`: on every call, or on the next `times`
@@ -87,9 +89,12 @@ class InMemoryTokenStore : public TokenPersisting {
 
   std::optional<Failure>& slot(Operation operation) {
     switch (operation) {
-      case Operation::load: return loadFailure_;
-      case Operation::save: return saveFailure_;
-      case Operation::clear: break;
+      case Operation::load:
+        return loadFailure_;
+      case Operation::save:
+        return saveFailure_;
+      case Operation::clear:
+        break;
     }
     return clearFailure_;
   }

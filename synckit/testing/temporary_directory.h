@@ -14,7 +14,8 @@ class TemporaryDirectory {
  public:
   TemporaryDirectory() {
     std::string pattern = (std::filesystem::temp_directory_path() / "halvark-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
+    if (::mkdtemp(pattern.data()) == nullptr)
+      throw std::runtime_error("mkdtemp failed for " + pattern);
     path_ = pattern;
   }
   ~TemporaryDirectory() {
@@ -26,7 +27,9 @@ class TemporaryDirectory {
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
   const std::filesystem::path& path() const noexcept { return path_; }
-  std::filesystem::path operator/(const std::filesystem::path& relative) const { return path_ / relative; }
+  std::filesystem::path operator/(const std::filesystem::path& relative) const {
+    return path_ / relative;
+  }
 
  private:
   std::filesystem::path path_;
