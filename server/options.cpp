@@ -72,13 +72,13 @@ Options parseOptions(const std::vector<std::string>& args) {
     } else if (arg == "--token-lifetime") {
       options.tokenLifetimeSeconds = parseInteger(arg, value(), 1, 365LL * 24 * 3600);
     } else if (arg == "--member") {
-      std::string spec = value();
-      auto colon = spec.find(':');
-      if (colon == std::string::npos || colon == 0 || colon + 1 == spec.size()) {
-        throw OptionsError("--member needs NAME:PASSWORD, not \"" + spec + "\"");
+      std::string entry = value();
+      auto colon = entry.find(':');
+      if (colon == std::string::npos || colon == 0 || colon + 1 == entry.size()) {
+        throw OptionsError("--member needs NAME:PASSWORD, not \"" + entry + "\"");
       }
-      std::string name = spec.substr(0, colon);
-      if (!options.members.emplace(name, spec.substr(colon + 1)).second) {
+      std::string name = entry.substr(0, colon);
+      if (!options.members.emplace(name, entry.substr(colon + 1)).second) {
         throw OptionsError("member \"" + name + "\" is given twice");
       }
     } else if (arg == "--seed") {
