@@ -7,7 +7,7 @@
 #include "synckit/api/request_bodies.h"
 #include "synckit/api/response_envelopes.h"
 #include "synckit/api/sync_json.h"
-#include "synckit/api/utf8_text.h"
+#include "synckit/base/utf8_text.h"
 #include "synckit/base/error.h"
 
 namespace synckit {

@@ -1,6 +1,6 @@
 #include "synckit/auth/oauth_error.h"
 
-#include "synckit/api/utf8_text.h"
+#include "synckit/base/utf8_text.h"
 #include "synckit/auth/oauth_json.h"
 
 namespace synckit {

@@ -5,7 +5,7 @@
 #include <system_error>
 #include <unordered_map>
 
-#include "synckit/api/utf8_text.h"
+#include "synckit/base/utf8_text.h"
 #include "synckit/base/error.h"
 #include "synckit/platform/atomic_file.h"
 #include "synckit/platform/conflict_spool.h"

@@ -1,4 +1,4 @@
-#include "synckit/api/utf8_text.h"
+#include "synckit/base/utf8_text.h"
 
 #include <cstdint>
 
