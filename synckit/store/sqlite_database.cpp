@@ -165,7 +165,11 @@ void SQLiteDatabase::commit() {
   try {
     execute("COMMIT");
   } catch (...) {
-    // No ROLLBACK here: the caller learns that the commit failed and decides.
+    // The caller learns that the commit failed. For some failures (a deferred
+    // constraint, SQLITE_BUSY) SQLite keeps the transaction open; a connection
+    // left inside it would refuse every later BEGIN and swallow later writes,
+    // so it is rolled back here.
+    if (handle_ != nullptr && sqlite3_get_autocommit(handle_) == 0) rollbackQuietly();
     transactionDepth_ = 0;
     throw;
   }

@@ -48,7 +48,7 @@ class SQLiteDatabase {
   // Runs `body` in a transaction. Only the outermost level talks to SQLite
   // (BEGIN [IMMEDIATE] / COMMIT / ROLLBACK); nested levels just count, so an
   // error thrown anywhere inside rolls back everything once it reaches the
-  // outermost level. A failed COMMIT is reported with sql "COMMIT".
+  // outermost level. A failed COMMIT is reported with sql "COMMIT" and leaves no transaction open.
   template <class F>
   auto transaction(bool immediate, F&& body) -> decltype(body());
 

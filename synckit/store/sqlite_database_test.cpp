@@ -164,6 +164,13 @@ TEST_F(SQLiteDatabaseTest, FailedCommitIsReportedAsCommit) {
       errorOf([&] { db.transaction(true, [&] { db.execute("INSERT INTO child VALUES (99)"); }); });
   EXPECT_EQ(error, SQLiteError(19, "FOREIGN KEY constraint failed", "COMMIT"));
   EXPECT_EQ(db.transactionDepth(), 0);
+
+  // SQLite keeps the transaction open after this failure; left so, every later
+  // BEGIN would fail and later writes would wait for a COMMIT that never comes.
+  EXPECT_EQ(count("child"), 0);
+  db.transaction(true, [&] { db.execute("INSERT INTO parent VALUES (1)"); });
+  SQLiteDatabase other{file};
+  EXPECT_EQ(other.query("SELECT COUNT(*) FROM parent").at(0).integer(0), 1);
 }
 
 TEST_F(SQLiteDatabaseTest, ClosedDatabaseRefusesEveryStatement) {
