@@ -13,7 +13,7 @@
 #include "synckit/platform/keychain_token_store_error.h"
 #include "synckit/store/meta_key.h"
 #include "synckit/store/metadata_store.h"
-#include "synckit/store/metadata_store_error.h"
+#include "synckit/base/metadata_store_error.h"
 #include "synckit/store/sqlite_error.h"
 
 namespace synckit {

@@ -20,7 +20,8 @@ class MetadataStoreError : public Error {
   // `groupIdentifier` names the application group whose container is missing.
   static MetadataStoreError containerUnavailable(std::string groupIdentifier) {
     std::string description = "The shared container for " + groupIdentifier + " is unavailable.";
-    return MetadataStoreError(Kind::containerUnavailable, std::move(groupIdentifier), std::move(description));
+    return MetadataStoreError(Kind::containerUnavailable, std::move(groupIdentifier),
+                              std::move(description));
   }
   // `what` says what was wrong, e.g. invalid UUID "xyz".
   static MetadataStoreError corruptRow(std::string what) {

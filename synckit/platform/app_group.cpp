@@ -2,10 +2,9 @@
 
 #include <cstdlib>
 
+#include "synckit/base/metadata_store_error.h"
 #include "synckit/base/url.h"
 #include "synckit/platform/app_identity.h"
-#include "synckit/store/metadata_store.h"
-#include "synckit/store/metadata_store_error.h"
 
 namespace synckit::AppGroup {
 namespace {
@@ -24,10 +23,9 @@ std::optional<std::filesystem::path> xdgDirectory(const char* variable, const ch
   return std::nullopt;
 }
 
-// The store file's directory holds every other fixed file of the container,
-// so the store's own notion of where its file lives decides for all of them.
+// Every fixed file of the container lives in this one directory.
 std::filesystem::path applicationSupport(const std::filesystem::path& container) {
-  return MetadataStore::databaseURL(container).parent_path();
+  return container / "Library" / "Application Support" / "Halvark";
 }
 
 // Length of the white space or line break that starts `text`, 0 when there
@@ -92,7 +90,11 @@ std::filesystem::path spoolDirectory(const std::filesystem::path& container) {
   return applicationSupport(container) / "Spool";
 }
 
-std::filesystem::path databaseURL() { return MetadataStore::databaseURL(containerURL()); }
+std::filesystem::path databaseURL(const std::filesystem::path& container) {
+  return applicationSupport(container) / "sync.sqlite";
+}
+
+std::filesystem::path databaseURL() { return databaseURL(containerURL()); }
 
 std::filesystem::path executionLockURL() {
   return databaseURL().parent_path() / "sync-execution.lock";

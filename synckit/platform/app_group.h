@@ -28,6 +28,8 @@ std::string keychainAccessGroup();
 // (no HALVARK_CONTAINER, XDG_DATA_HOME or HOME to derive it from).
 std::filesystem::path containerURL();
 
+// container/Library/Application Support/Halvark/sync.sqlite (pure).
+std::filesystem::path databaseURL(const std::filesystem::path& container);
 // container/Library/Application Support/Halvark/Spool (pure).
 std::filesystem::path spoolDirectory(const std::filesystem::path& container);
 // The same locations below containerURL(); nothing is created on disk.

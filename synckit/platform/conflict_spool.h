@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -11,8 +12,6 @@
 
 namespace synckit {
 
-class MetadataStore;
-
 // A flat directory of file contents the system must keep outside the mirror
 // until it has dealt with them: a local edit waiting for upload
 // ("edit-{id}"), a conflicted copy waiting for upload ("copy-{id}"), both
@@ -20,8 +19,9 @@ class MetadataStore;
 // ("node-{hex of the node id's UTF-8 bytes}"). For one id at most one of the
 // edit and the copy exists.
 //
-// No lock of its own: entries are per pending change or node, and prune()
-// decides under the store's lock. Any thread. Failures throw PosixError.
+// No lock of its own: entries are per pending change or node, and the caller
+// of prune() decides under the store's lock (ConflictSpoolPruner). Any
+// thread. Failures throw PosixError.
 struct ConflictSpool {
   std::filesystem::path directory;
 
@@ -45,12 +45,12 @@ struct ConflictSpool {
   static std::string copyKey(std::int64_t id);
   static std::string nodeKey(std::string_view nodeId);
 
-  // Deletes every edit and copy whose pending change is gone and every node
-  // entry whose node no stored brain has; leaves names it does not recognise.
-  // Runs inside the store's write transaction so that no pending change
-  // appears or disappears while it decides. The first file that cannot be
-  // deleted ends the pass with its error.
-  void prune(MetadataStore& store) const;
+  // Deletes every edit and copy whose pending change `isPendingChange`
+  // denies and every node entry whose node `isKnownNode` denies; leaves
+  // names it does not recognise. The first file that cannot be deleted ends
+  // the pass with its error.
+  void prune(const std::function<bool(std::int64_t id)>& isPendingChange,
+             const std::function<bool(const std::string& nodeId)>& isKnownNode) const;
 
   bool operator==(const ConflictSpool&) const = default;
 };

@@ -1,15 +1,11 @@
-// ConflictSpool::prune lives apart from the entry operations because it is
-// the only part of the spool that needs the metadata store.
+// Pruning: which spool files no pending change or node needs any more.
 #include <charconv>
-#include <set>
 #include <system_error>
-#include <unordered_map>
 
-#include "synckit/base/utf8_text.h"
 #include "synckit/base/error.h"
+#include "synckit/base/utf8_text.h"
 #include "synckit/platform/atomic_file.h"
 #include "synckit/platform/conflict_spool.h"
-#include "synckit/store/metadata_store.h"
 
 namespace synckit {
 namespace {
@@ -66,47 +62,26 @@ std::vector<std::filesystem::path> listFiles(const std::filesystem::path& direct
 
 }  // namespace
 
-void ConflictSpool::prune(MetadataStore& store) const {
+void ConflictSpool::prune(const std::function<bool(std::int64_t id)>& isPendingChange,
+                          const std::function<bool(const std::string& nodeId)>& isKnownNode) const {
   std::error_code error;
   if (!std::filesystem::is_directory(directory, error)) return;
 
-  store.writeTransaction([&] {
-    std::set<std::int64_t> pendingIds;
-    for (const PendingChange& change : store.pendingChanges()) {
-      if (change.id) pendingIds.insert(*change.id);
+  for (const std::filesystem::path& file : listFiles(directory)) {
+    std::string name = file.filename().string();
+    std::string_view view = name;
+    bool obsolete = false;
+    if (view.starts_with("edit-") || view.starts_with("copy-")) {
+      auto id = parseDecimal(view.substr(5));
+      obsolete = id && !isPendingChange(*id);
+    } else if (view.starts_with("node-")) {
+      auto bytes = decodeHex(view.substr(5));
+      // Node ids are compared as text, so bytes that are not UTF-8 compare
+      // as the text a decoder makes of them.
+      obsolete = bytes && !isKnownNode(decodeUTF8Lossy(*bytes));
     }
-    std::vector<BrainRecord> brains = store.brains();
-    std::unordered_map<std::string, bool> nodeKnown;
-    auto isKnownNode = [&](const std::string& nodeId) {
-      auto cached = nodeKnown.find(nodeId);
-      if (cached != nodeKnown.end()) return cached->second;
-      bool known = false;
-      for (const BrainRecord& brain : brains) {
-        if (store.nodeWithId(brain.brainId, nodeId)) {
-          known = true;
-          break;
-        }
-      }
-      nodeKnown.emplace(nodeId, known);
-      return known;
-    };
-
-    for (const std::filesystem::path& file : listFiles(directory)) {
-      std::string name = file.filename().string();
-      std::string_view view = name;
-      bool obsolete = false;
-      if (view.starts_with("edit-") || view.starts_with("copy-")) {
-        auto id = parseDecimal(view.substr(5));
-        obsolete = id && !pendingIds.contains(*id);
-      } else if (view.starts_with("node-")) {
-        auto bytes = decodeHex(view.substr(5));
-        // Node ids are compared as text, so bytes that are not UTF-8 compare
-        // as the text a decoder makes of them.
-        obsolete = bytes && !isKnownNode(decodeUTF8Lossy(*bytes));
-      }
-      if (obsolete) AtomicFile::remove(file);
-    }
-  });
+    if (obsolete) AtomicFile::remove(file);
+  }
 }
 
 }  // namespace synckit

@@ -5,8 +5,7 @@
 #include <unordered_map>
 
 #include "synckit/base/error.h"
-#include "synckit/platform/app_group.h"
-#include "synckit/store/metadata_store_error.h"
+#include "synckit/base/metadata_store_error.h"
 #include "synckit/store/schema.h"
 #include "synckit/store/store_sql.h"
 
@@ -97,14 +96,6 @@ std::vector<SQLiteValue> nodeBindings(const NodeRecord& node) {
 }
 
 }  // namespace
-
-std::filesystem::path MetadataStore::databaseURL(const std::filesystem::path& container) {
-  return container / "Library" / "Application Support" / "Halvark" / "sync.sqlite";
-}
-
-std::unique_ptr<MetadataStore> MetadataStore::open() {
-  return open(databaseURL(AppGroup::containerURL()));
-}
 
 std::unique_ptr<MetadataStore> MetadataStore::open(const std::filesystem::path& databaseURL) {
   std::error_code error;

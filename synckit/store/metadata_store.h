@@ -33,11 +33,6 @@ namespace synckit {
 // (WAL, 5 s busy timeout) arbitrates between the two.
 class MetadataStore {
  public:
-  // container/Library/Application Support/Halvark/sync.sqlite
-  static std::filesystem::path databaseURL(const std::filesystem::path& container);
-  // Opens the store in the shared container; fails with
-  // MetadataStoreError::containerUnavailable when there is none.
-  static std::unique_ptr<MetadataStore> open();
   // Creates the parent directories, then opens the store at `databaseURL`.
   static std::unique_ptr<MetadataStore> open(const std::filesystem::path& databaseURL);
 

@@ -5,8 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "synckit/store/metadata_store_error.h"
-#include "synckit/testing/scoped_environment.h"
+#include "synckit/base/metadata_store_error.h"
 #include "synckit/testing/temporary_directory.h"
 
 namespace synckit {
@@ -57,7 +56,7 @@ MetadataStoreError storeErrorOf(F&& body) {
 class MetadataStoreTest : public ::testing::Test {
  protected:
   testing::TemporaryDirectory directory;
-  std::filesystem::path path = MetadataStore::databaseURL(directory.path());
+  std::filesystem::path path = directory / "nested" / "sync.sqlite";
   std::unique_ptr<MetadataStore> store = MetadataStore::open(path);
 
   // A second connection, as the other process would have, for writing rows
@@ -67,18 +66,6 @@ class MetadataStoreTest : public ::testing::Test {
     db.execute(sql);
   }
 };
-
-TEST_F(MetadataStoreTest, OpensInTheSharedContainer) {
-  EXPECT_EQ(path, directory / "Library" / "Application Support" / "Halvark" / "sync.sqlite");
-  EXPECT_TRUE(std::filesystem::exists(path));
-
-  testing::TemporaryDirectory container;
-  testing::ScopedEnvironment environment;
-  environment.set("HALVARK_CONTAINER", container.path().string());
-  auto shared = MetadataStore::open();
-  shared->setMeta(MetaKey::deviceId, "D");
-  EXPECT_TRUE(std::filesystem::exists(MetadataStore::databaseURL(container.path())));
-}
 
 TEST_F(MetadataStoreTest, MetaValuesCanBeSetReplacedAndRemoved) {
   EXPECT_EQ(store->metaValue(MetaKey::clientId), std::nullopt);
