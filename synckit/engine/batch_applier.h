@@ -1,0 +1,98 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "synckit/base/timestamp.h"
+#include "synckit/base/uuid.h"
+#include "synckit/engine/download_request.h"
+#include "synckit/store/metadata_store.h"
+#include "synckit/store/node_kind.h"
+#include "synckit/store/node_record.h"
+
+namespace synckit {
+
+// The one place where a brain's node tree is changed by path: create, update,
+// move, ensure a folder, delete a subtree. Every row it writes or removes gets
+// a change-log row naming SyncItemIdentifier::node(brainId, nodeId), and every
+// file whose content must be fetched is queued for download.
+//
+// Node ids it makes: "dir:" + full path for folders it creates (and for such
+// folders when moved, which re-keys them), "local:" + a new upper-case UUID
+// for files it creates. Any other id is kept as is.
+//
+// One applier serves one feed page or one local mutation, from one thread at
+// a time. It does not open a transaction: callers that need the work to be
+// atomic run it inside MetadataStore::writeTransaction. Every operation may
+// throw the store's errors (SQLiteError, MetadataStoreError); after a throw
+// the applier's queue no longer matches the store and the caller's
+// transaction must be rolled back.
+class BatchApplier {
+ public:
+  // `store` must outlive the applier.
+  BatchApplier(const Uuid& brainId, MetadataStore& store);
+
+  BatchApplier(const BatchApplier&) = delete;
+  BatchApplier& operator=(const BatchApplier&) = delete;
+
+  // Makes the proper ancestors folders, then writes a new node at `path`: a
+  // folder "dir:"+path (kind text, content version 0) or a file
+  // "local:"+UUID (content version 1, queued for download).
+  void applyCreate(std::string_view path, std::string_view title, bool isDirectory, NodeKind kind);
+
+  // Retitles the node at `path` and/or marks its content changed (content
+  // version + 1, blob fields and upload error cleared, queued). A missing node
+  // is created as a file. A no-op writes nothing.
+  void applyUpdate(std::string_view path, const std::optional<std::string>& title, bool bodyChanged,
+                   std::optional<NodeKind> kind);
+
+  // Moves the node at `fromPath` with its subtree to `toPath`, replacing
+  // whatever was there and creating missing ancestors. Nothing happens for a
+  // move onto itself, into its own subtree, or of a missing node.
+  void applyMove(std::string_view fromPath, std::string_view toPath);
+
+  // Makes sure a folder is at `path`, deleting a file that sits there.
+  void ensureDirectory(std::string_view path);
+
+  // Deletes the node at `path` and its descendants except the ids in
+  // `sparing`; true when at least one row went.
+  bool deleteSubtree(std::string_view path, const std::unordered_set<std::string>& sparing = {});
+
+  // Replaces a "dir:" folder by one keyed by `newPath`. A title equal to the
+  // folder's old name follows the new name; any other title is kept.
+  void rekeyDirectory(const NodeRecord& record, std::string_view newPath);
+
+  // Queues a node for download once; later queueing keeps the first position.
+  void queueDownload(std::string_view nodeId);
+
+  // The queued nodes that still exist as files, in first-queued order, as
+  // they stand in the store now.
+  std::vector<DownloadRequest> downloadRequests(const std::optional<std::string>& cursor);
+
+  const Uuid& brainId() const noexcept { return brainId_; }
+  // True once any change-log row was written; never goes back.
+  bool changed() const noexcept { return changed_; }
+  const std::vector<std::string>& downloadNodeIds() const noexcept { return downloadNodeIds_; }
+
+  // The `updatedAt` of nodes created or changed from now on; the current time
+  // until a caller sets it (the feed sets each entry's time).
+  Timestamp entryDate() const noexcept { return entryDate_; }
+  void setEntryDate(Timestamp date) noexcept { entryDate_ = date; }
+
+ private:
+  void logChange(const std::string& nodeId, bool deleted);
+  void dropFromQueue(const std::string& nodeId);
+  NodeRecord folderRecord(std::string_view path, std::string title) const;
+
+  Uuid brainId_;
+  MetadataStore& store_;
+  bool changed_ = false;
+  std::vector<std::string> downloadNodeIds_;
+  std::unordered_set<std::string> downloadSet_;
+  Timestamp entryDate_;
+};
+
+}  // namespace synckit
