@@ -65,6 +65,10 @@ class BatchApplier {
   // folder's old name follows the new name; any other title is kept.
   void rekeyDirectory(const NodeRecord& record, std::string_view newPath);
 
+  // Writes a change-log row (SyncItemIdentifier::node) for a node of this
+  // brain and sets `changed`; for callers that write a node themselves.
+  void recordChange(const std::string& nodeId, bool deleted);
+
   // Queues a node for download once; later queueing keeps the first position.
   void queueDownload(std::string_view nodeId);
 
@@ -83,7 +87,6 @@ class BatchApplier {
   void setEntryDate(Timestamp date) noexcept { entryDate_ = date; }
 
  private:
-  void logChange(const std::string& nodeId, bool deleted);
   void dropFromQueue(const std::string& nodeId);
   NodeRecord folderRecord(std::string_view path, std::string title) const;
 

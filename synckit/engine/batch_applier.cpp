@@ -1,0 +1,195 @@
+#include "synckit/engine/batch_applier.h"
+
+#include <algorithm>
+
+#include "synckit/store/sync_item_identifier.h"
+
+namespace synckit {
+namespace {
+
+constexpr std::string_view kDirectoryPrefix = "dir:";
+constexpr std::string_view kLocalPrefix = "local:";
+
+std::string_view lastComponent(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+// "a/b/c" gives "a" and "a/b". A "/" in the first position starts no
+// ancestor, so a stray leading slash never yields an empty-named folder.
+std::vector<std::string_view> properAncestors(std::string_view path) {
+  std::vector<std::string_view> ancestors;
+  for (std::size_t i = 1; i < path.size(); ++i) {
+    if (path[i] == '/') ancestors.push_back(path.substr(0, i));
+  }
+  return ancestors;
+}
+
+std::string directoryId(std::string_view path) {
+  std::string id(kDirectoryPrefix);
+  id.append(path);
+  return id;
+}
+
+}  // namespace
+
+BatchApplier::BatchApplier(const Uuid& brainId, MetadataStore& store)
+    : brainId_(brainId), store_(store), entryDate_(Timestamp::now()) {}
+
+NodeRecord BatchApplier::folderRecord(std::string_view path, std::string title) const {
+  NodeRecord folder;
+  folder.brainId = brainId_;
+  folder.nodeId = directoryId(path);
+  folder.path = std::string(path);
+  folder.title = std::move(title);
+  folder.isDirectory = true;
+  folder.kind = NodeKind::text;
+  folder.updatedAt = entryDate_;
+  folder.contentVersion = 0;
+  return folder;
+}
+
+void BatchApplier::applyCreate(std::string_view path, std::string_view title, bool isDirectory,
+                               NodeKind kind) {
+  for (std::string_view ancestor : properAncestors(path)) ensureDirectory(ancestor);
+
+  NodeRecord record;
+  if (isDirectory) {
+    record = folderRecord(path, std::string(title));
+  } else {
+    record.brainId = brainId_;
+    record.nodeId = std::string(kLocalPrefix) + Uuid::random().toString();
+    record.path = std::string(path);
+    record.title = std::string(title);
+    record.isDirectory = false;
+    record.kind = kind;
+    record.updatedAt = entryDate_;
+    record.contentVersion = 1;
+  }
+  store_.upsertNode(record);
+  recordChange(record.nodeId, false);
+  if (!isDirectory) queueDownload(record.nodeId);
+}
+
+void BatchApplier::applyUpdate(std::string_view path, const std::optional<std::string>& title,
+                               bool bodyChanged, std::optional<NodeKind> kind) {
+  auto node = store_.nodeAtPath(brainId_, path);
+  if (!node) {
+    applyCreate(path, title ? std::string_view(*title) : lastComponent(path), false,
+                kind.value_or(NodeKind::text));
+    return;
+  }
+
+  const bool contentWanted = (bodyChanged || node->localOnly) && !node->isDirectory;
+  const bool retitled = title && *title != node->title;
+  if (!retitled && !contentWanted) return;
+  if (retitled) node->title = *title;
+  if (contentWanted) {
+    node->kind = kind.value_or(NodeKind::text);
+    node->contentVersion += 1;
+    node->updatedAt = entryDate_;
+    node->blobHash.reset();
+    node->blobSize.reset();
+    node->uploadError.reset();
+    node->localOnly = false;
+    queueDownload(node->nodeId);
+  }
+  store_.upsertNode(*node);
+  recordChange(node->nodeId, false);
+}
+
+void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath) {
+  if (fromPath == toPath) return;
+  if (toPath.size() > fromPath.size() && toPath[fromPath.size()] == '/' &&
+      toPath.starts_with(fromPath)) {
+    return;
+  }
+  // The subtree starts with the node at fromPath when there is one.
+  std::vector<NodeRecord> moving = store_.subtree(brainId_, fromPath);
+  if (moving.empty() || moving.front().path != fromPath) return;
+
+  std::unordered_set<std::string> movingIds;
+  for (const NodeRecord& record : moving) movingIds.insert(record.nodeId);
+  deleteSubtree(toPath, movingIds);
+  for (std::string_view ancestor : properAncestors(toPath)) ensureDirectory(ancestor);
+
+  for (const NodeRecord& record : moving) {
+    std::string newPath(toPath);
+    newPath.append(std::string_view(record.path).substr(fromPath.size()));
+    if (record.nodeId.starts_with(kDirectoryPrefix)) {
+      rekeyDirectory(record, newPath);
+    } else {
+      // "UPDATE nodes SET path = ? WHERE brain_id = ? AND node_id = ?"
+      store_.updateNodePath(brainId_, record.nodeId, newPath);
+      recordChange(record.nodeId, false);
+    }
+  }
+}
+
+void BatchApplier::ensureDirectory(std::string_view path) {
+  if (auto node = store_.nodeAtPath(brainId_, path)) {
+    if (node->isDirectory) return;
+    deleteSubtree(path);
+  }
+  NodeRecord folder = folderRecord(path, std::string(lastComponent(path)));
+  store_.upsertNode(folder);
+  recordChange(folder.nodeId, false);
+}
+
+bool BatchApplier::deleteSubtree(std::string_view path,
+                                 const std::unordered_set<std::string>& sparing) {
+  return store_.withLock([&] {
+    bool deleted = false;
+    for (const NodeRecord& record : store_.subtree(brainId_, path)) {
+      if (sparing.contains(record.nodeId)) continue;
+      if (store_.deleteNode(brainId_, record.nodeId)) deleted = true;
+      dropFromQueue(record.nodeId);
+      recordChange(record.nodeId, true);
+    }
+    return deleted;
+  });
+}
+
+void BatchApplier::rekeyDirectory(const NodeRecord& record, std::string_view newPath) {
+  NodeRecord rekeyed = record;
+  rekeyed.nodeId = directoryId(newPath);
+  rekeyed.path = std::string(newPath);
+  if (record.title == lastComponent(record.path)) rekeyed.title = lastComponent(newPath);
+
+  store_.deleteNode(brainId_, record.nodeId);
+  dropFromQueue(record.nodeId);
+  recordChange(record.nodeId, true);
+
+  store_.upsertNode(rekeyed);
+  recordChange(rekeyed.nodeId, false);
+}
+
+void BatchApplier::recordChange(const std::string& nodeId, bool deleted) {
+  store_.recordChange(SyncItemIdentifier::node(brainId_, nodeId), deleted);
+  changed_ = true;
+}
+
+void BatchApplier::queueDownload(std::string_view nodeId) {
+  auto [position, inserted] = downloadSet_.emplace(nodeId);
+  if (inserted) downloadNodeIds_.push_back(*position);
+}
+
+void BatchApplier::dropFromQueue(const std::string& nodeId) {
+  if (downloadSet_.erase(nodeId) == 0) return;
+  downloadNodeIds_.erase(std::find(downloadNodeIds_.begin(), downloadNodeIds_.end(), nodeId));
+}
+
+std::vector<DownloadRequest> BatchApplier::downloadRequests(
+    const std::optional<std::string>& cursor) {
+  std::vector<DownloadRequest> requests;
+  requests.reserve(downloadNodeIds_.size());
+  for (const std::string& nodeId : downloadNodeIds_) {
+    auto node = store_.nodeWithId(brainId_, nodeId);
+    if (!node || node->isDirectory) continue;
+    requests.push_back(DownloadRequest{brainId_, nodeId, std::move(node->path), node->kind,
+                                       node->contentVersion, cursor});
+  }
+  return requests;
+}
+
+}  // namespace synckit
