@@ -4,138 +4,24 @@
 // these tests are where a disagreement about the wire contract shows.
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include <algorithm>
-#include <map>
-#include <nlohmann/json.hpp>
 
-#include "synckit/api/curl_transport.h"
-#include "synckit/api/sync_api_client.h"
-#include "synckit/auth/oauth_client.h"
 #include "synckit/auth/oauth_error.h"
-#include "synckit/auth/pkce.h"
-#include "synckit/auth/token_manager.h"
 #include "synckit/auth/token_manager_error.h"
 #include "synckit/base/crypto.h"
-#include "synckit/base/url.h"
-#include "synckit/testing/in_memory_token_store.h"
-#include "tests/e2e/devserver_process.h"
+#include "tests/e2e/devserver_session.h"
 
 namespace halvark::e2e {
 namespace {
 
+using nlohmann::json;
 using synckit::ChangesResponse;
 using synckit::DownloadedFile;
 using synckit::Op;
 using synckit::SyncAPIError;
-using nlohmann::json;
 
-std::string percentDecode(std::string_view text) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size()) {
-      out.push_back(static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16)));
-      i += 2;
-    } else {
-      out.push_back(text[i] == '+' ? ' ' : text[i]);
-    }
-  }
-  return out;
-}
-
-std::map<std::string, std::string> queryOf(const std::string& url) {
-  std::map<std::string, std::string> items;
-  auto parts = synckit::URLComponents::parse(url);
-  if (!parts || !parts->percentEncodedQuery) return items;
-  std::string_view query = *parts->percentEncodedQuery;
-  while (!query.empty()) {
-    auto amp = query.find('&');
-    std::string_view item = query.substr(0, amp);
-    auto eq = item.find('=');
-    items[percentDecode(item.substr(0, eq))] =
-        eq == std::string_view::npos ? "" : percentDecode(item.substr(eq + 1));
-    query = amp == std::string_view::npos ? std::string_view() : query.substr(amp + 1);
-  }
-  return items;
-}
-
-class ClientAgainstDevServerTest : public ::testing::Test {
- protected:
-  ClientAgainstDevServerTest()
-      : server_({"--port", "0", "--base-path", "/svc", "--seed", "demo", "--quiet"}),
-        oauth_(server_.baseURL(), transport_),
-        tokens_(server_.baseURL(), transport_, tokenStore_, [this] { return clientId_; }),
-        api_(server_.baseURL(), transport_, tokens_) {}
-
-  // What a person does in the browser: open the authorization URL, fill in
-  // the form and follow the redirect back to the application.
-  std::string signInInBrowser(const std::string& authorizationURL) {
-    auto parts = synckit::URLComponents::parse(authorizationURL);
-    EXPECT_TRUE(parts && parts->host && parts->port);
-    httplib::Client browser(*parts->host, *parts->port);
-    std::string target = parts->percentEncodedPath + "?" + parts->percentEncodedQuery.value_or("");
-    auto page = browser.Get(target.c_str());
-    EXPECT_TRUE(page);
-    EXPECT_EQ(page->status, 200);
-    EXPECT_NE(page->body.find("<form"), std::string::npos);
-
-    std::string form = parts->percentEncodedQuery.value_or("") + "&member=demo&password=demo&decision=allow";
-    auto answer = browser.Post(parts->percentEncodedPath.c_str(), form, "application/x-www-form-urlencoded");
-    EXPECT_TRUE(answer);
-    EXPECT_EQ(answer->status, 302);
-    return answer->get_header_value("Location");
-  }
-
-  void signIn() {
-    metadata_ = oauth_.discover();
-    auto registration = oauth_.registerClient(*metadata_, synckit::OAuthClient::clientName,
-                                              {std::string(synckit::OAuthClient::redirectURI)});
-    clientId_ = registration.clientId;
-    auto pkce = synckit::PKCE::generate();
-    std::string state = synckit::hexLower(synckit::secureRandomBytes(8));
-    std::string url = oauth_.authorizationURL(*metadata_, clientId_, synckit::OAuthClient::redirectURI,
-                                              state, pkce, std::nullopt, synckit::OAuthClient::scope);
-    std::string callback = signInInBrowser(url);
-    ASSERT_TRUE(callback.starts_with("halvark://oauth/callback?")) << callback;
-    auto query = queryOf(callback);
-    ASSERT_EQ(query["state"], state);
-    ASSERT_FALSE(query["code"].empty());
-
-    auto response = oauth_.exchangeCode(*metadata_, query["code"], pkce, clientId_,
-                                        synckit::OAuthClient::redirectURI);
-    tokens_.signIn(response);
-    deviceId_ = api_.registerDevice("e2e-machine", "linux").id;
-  }
-
-  json control(const std::string& method, const std::string& path, const json& body = json::object()) {
-    synckit::HTTPRequest request;
-    request.method = method;
-    request.url = server_.baseURL() + "/_control" + path;
-    request.headers = {{"Content-Type", "application/json"}};
-    request.body = synckit::toBytes(body.dump());
-    auto response = transport_.send(request);
-    EXPECT_LT(response.status, 300) << method << " " << path << ": " << synckit::toString(response.body);
-    return json::parse(synckit::toString(response.body), nullptr, false);
-  }
-
-  synckit::Brain demoBrain() {
-    auto brains = api_.listBrains();
-    auto demo = std::find_if(brains.begin(), brains.end(), [](const auto& b) { return b.slug == "demo"; });
-    EXPECT_NE(demo, brains.end());
-    return *demo;
-  }
-
-  DevServerProcess server_;
-  synckit::CurlTransport transport_;
-  synckit::testing::InMemoryTokenStore tokenStore_;
-  synckit::OAuthClient oauth_;
-  std::string clientId_;
-  std::optional<synckit::AuthServerMetadata> metadata_;
-  synckit::TokenManager tokens_;
-  synckit::SyncAPIClient api_;
-  std::string deviceId_;
-};
+class ClientAgainstDevServerTest : public ::testing::Test, protected DevServerSession {};
 
 TEST_F(ClientAgainstDevServerTest, SignsInWithPKCEAndRegistersTheDevice) {
   ASSERT_NO_FATAL_FAILURE(signIn());
@@ -167,7 +53,8 @@ TEST_F(ClientAgainstDevServerTest, FeedFilesMovesAndDeletesRoundTrip) {
   ASSERT_TRUE(blobNode->blobHash && blobNode->blobSize);
   auto seededBlob = api_.readFile(*brainId, blobNode->path, blobNode->updatedAt.toString());
   ASSERT_TRUE(seededBlob.as<DownloadedFile::Blob>());
-  EXPECT_EQ(synckit::hexLower(synckit::sha256(seededBlob.as<DownloadedFile::Blob>()->data)), *blobNode->blobHash);
+  EXPECT_EQ(synckit::hexLower(synckit::sha256(seededBlob.as<DownloadedFile::Blob>()->data)),
+            *blobNode->blobHash);
 
   // Our own writes come back as results but stay out of our feed.
   std::string text = "Caf\xC3\xA9 notes \xE2\x80\x94 100% sure?";
@@ -181,7 +68,8 @@ TEST_F(ClientAgainstDevServerTest, FeedFilesMovesAndDeletesRoundTrip) {
   auto receipt = api_.uploadBlob(*brainId, deviceId_, payload);
   EXPECT_EQ(receipt.hash, synckit::hexLower(synckit::sha256(payload)));
   EXPECT_EQ(receipt.size, 5);
-  auto blobWrite = api_.putBlobFile(*brainId, deviceId_, "e2e/data.bin", "Data", receipt.hash, receipt.size);
+  auto blobWrite =
+      api_.putBlobFile(*brainId, deviceId_, "e2e/data.bin", "Data", receipt.hash, receipt.size);
   auto readBlob = api_.readFile(*brainId, blobWrite.node.path, blobWrite.cursor);
   ASSERT_TRUE(readBlob.as<DownloadedFile::Blob>());
   EXPECT_EQ(readBlob.as<DownloadedFile::Blob>()->data, payload);
@@ -265,7 +153,8 @@ TEST_F(ClientAgainstDevServerTest, ExpiredAccessTokenIsRefreshedAndARevokedSessi
 
   // With access and refresh tokens revoked the session ends.
   control("POST", "/tokens/expire", {{"refresh", true}});
-  EXPECT_THROW(tokens_.withAuthRetry([&] { return api_.listBrains(); }), synckit::TokenManagerError);
+  EXPECT_THROW(tokens_.withAuthRetry([&] { return api_.listBrains(); }),
+               synckit::TokenManagerError);
   EXPECT_EQ(tokens_.state(), synckit::SessionState::signedOut);
   EXPECT_FALSE(tokenStore_.load());
 }
