@@ -364,6 +364,12 @@ ChangeSet MetadataStore::changes(std::int64_t sinceAnchor) {
   });
 }
 
+std::optional<std::int64_t> MetadataStore::exclusiveChangeCount() {
+  Lock guard(lock_);
+  if (!database_.holdsWriteLock()) return std::nullopt;
+  return database_.totalChanges();
+}
+
 std::vector<SyncItem> MetadataStore::items(const SyncItemIdentifier& container) {
   Lock guard(lock_);
   std::vector<SyncItem> result;

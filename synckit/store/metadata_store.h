@@ -100,6 +100,12 @@ class MetadataStore {
   std::int64_t ownWriteCount(const Uuid& brainId, std::string_view path);
   void clearOwnWrites(const Uuid& brainId);
 
+  // A count that moves with every row written through this store, while
+  // this store holds the database's write lock; absent otherwise, since
+  // another process may then write at any moment. Equal counts mean that
+  // nothing changed in between, so a caller may keep what it read.
+  std::optional<std::int64_t> exclusiveChangeCount();
+
   // Runs `body` under the lock inside BEGIN IMMEDIATE; store operations
   // called from `body` join the transaction. An exception rolls it all back.
   template <class F>

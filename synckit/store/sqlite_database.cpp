@@ -101,6 +101,14 @@ std::int64_t SQLiteDatabase::lastInsertRowID() const {
   return handle_ ? sqlite3_last_insert_rowid(handle_) : 0;
 }
 
+std::int64_t SQLiteDatabase::totalChanges() const {
+  return handle_ ? sqlite3_total_changes64(handle_) : 0;
+}
+
+bool SQLiteDatabase::holdsWriteLock() const {
+  return handle_ != nullptr && sqlite3_txn_state(handle_, "main") == SQLITE_TXN_WRITE;
+}
+
 std::string SQLiteDatabase::currentMessage() const {
   return handle_ ? sqlite3_errmsg(handle_) : "unknown error";
 }

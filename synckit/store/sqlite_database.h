@@ -57,6 +57,12 @@ class SQLiteDatabase {
   // Row id of the most recent insert; 0 once closed.
   std::int64_t lastInsertRowID() const;
   int transactionDepth() const noexcept { return transactionDepth_; }
+  // Rows inserted, changed or deleted through this connection since it
+  // opened, triggers included; 0 once closed.
+  std::int64_t totalChanges() const;
+  // True while this connection holds the database's write lock (a write
+  // transaction is open), so that no other connection can change anything.
+  bool holdsWriteLock() const;
   bool isOpen() const noexcept { return handle_ != nullptr; }
 
   // Finalises the cached statements and closes the connection. Harmless when
