@@ -36,6 +36,101 @@ std::string directoryId(std::string_view path) {
 BatchApplier::BatchApplier(const Uuid& brainId, MetadataStore& store)
     : brainId_(brainId), store_(store), entryDate_(Timestamp::now()) {}
 
+bool BatchApplier::knownIsCurrent() {
+  const auto stamp = store_.exclusiveChangeCount();
+  if (!stamp || stamp != known_.stamp) {
+    known_ = Known{};
+    known_.stamp = stamp;
+  }
+  return stamp.has_value();
+}
+
+// After one statement of ours that changed one row. Any other count means
+// that something else (a trigger, say) changed rows too, and nothing known
+// is kept.
+void BatchApplier::restamp() {
+  if (!known_.stamp) return;
+  const auto stamp = store_.exclusiveChangeCount();
+  if (!stamp || *stamp != *known_.stamp + 1) known_ = Known{};
+  known_.stamp = stamp;
+}
+
+void BatchApplier::remember(const NodeRecord& record) {
+  auto [byId, added] = known_.pathById.try_emplace(record.nodeId, record.path);
+  if (!added && byId->second != record.path) {
+    known_.byPath.insert_or_assign(byId->second, std::nullopt);
+    byId->second = record.path;
+  }
+  known_.byPath.insert_or_assign(record.path, record);
+}
+
+void BatchApplier::rememberGone(const NodeRecord& record) {
+  known_.pathById.erase(record.nodeId);
+  known_.byPath.insert_or_assign(record.path, std::nullopt);
+}
+
+bool BatchApplier::insideCompleteFolder(std::string_view path) const {
+  if (known_.completeFolders.empty()) return false;
+  for (std::size_t i = 1; i < path.size(); ++i) {
+    if (path[i] == '/' && known_.completeFolders.contains(path.substr(0, i))) return true;
+  }
+  return false;
+}
+
+std::optional<NodeRecord> BatchApplier::nodeAtPath(std::string_view path) {
+  const bool current = knownIsCurrent();
+  if (current) {
+    if (auto known = known_.byPath.find(path); known != known_.byPath.end()) return known->second;
+    if (insideCompleteFolder(path)) return std::nullopt;
+  }
+  auto node = store_.nodeAtPath(brainId_, path);
+  if (current) {
+    if (node) {
+      remember(*node);
+    } else {
+      known_.byPath.emplace(std::string(path), std::nullopt);
+    }
+  }
+  return node;
+}
+
+std::optional<NodeRecord> BatchApplier::nodeWithId(const std::string& nodeId) {
+  if (knownIsCurrent()) {
+    if (auto known = known_.pathById.find(nodeId); known != known_.pathById.end()) {
+      return known_.byPath.at(known->second);
+    }
+  }
+  return store_.nodeWithId(brainId_, nodeId);
+}
+
+// Writes keep what is known only when it was current just before.
+void BatchApplier::upsert(const NodeRecord& record) {
+  const bool current = knownIsCurrent();
+  store_.upsertNode(record);
+  if (current) {
+    remember(record);
+    restamp();
+  }
+}
+
+void BatchApplier::remove(const NodeRecord& record) {
+  const bool current = knownIsCurrent();
+  store_.deleteNode(brainId_, record.nodeId);
+  if (current) {
+    rememberGone(record);
+    restamp();
+  }
+}
+
+// A folder this applier just made usually has nothing below it; knowing
+// that saves a lookup for every node the page then creates inside it.
+void BatchApplier::learnNewFolder(std::string_view path) {
+  if (!knownIsCurrent()) return;
+  auto below = store_.descendants(brainId_, path);
+  for (const NodeRecord& node : below) remember(node);
+  known_.completeFolders.emplace(path);
+}
+
 NodeRecord BatchApplier::folderRecord(std::string_view path, std::string title) const {
   NodeRecord folder;
   folder.brainId = brainId_;
@@ -66,14 +161,18 @@ void BatchApplier::applyCreate(std::string_view path, std::string_view title, bo
     record.updatedAt = entryDate_;
     record.contentVersion = 1;
   }
-  store_.upsertNode(record);
+  upsert(record);
   recordChange(record.nodeId, false);
-  if (!isDirectory) queueDownload(record.nodeId);
+  if (isDirectory) {
+    learnNewFolder(path);
+  } else {
+    queueDownload(record.nodeId);
+  }
 }
 
 void BatchApplier::applyUpdate(std::string_view path, const std::optional<std::string>& title,
                                bool bodyChanged, std::optional<NodeKind> kind) {
-  auto node = store_.nodeAtPath(brainId_, path);
+  auto node = nodeAtPath(path);
   if (!node) {
     applyCreate(path, title ? std::string_view(*title) : lastComponent(path), false,
                 kind.value_or(NodeKind::text));
@@ -94,7 +193,7 @@ void BatchApplier::applyUpdate(std::string_view path, const std::optional<std::s
     node->localOnly = false;
     queueDownload(node->nodeId);
   }
-  store_.upsertNode(*node);
+  upsert(*node);
   recordChange(node->nodeId, false);
 }
 
@@ -104,7 +203,8 @@ void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath)
       toPath.starts_with(fromPath)) {
     return;
   }
-  // The subtree starts with the node at fromPath when there is one.
+  // The subtree starts with the node at fromPath when there is one. Read
+  // from the store: the page's knowledge is not meant for whole subtrees.
   std::vector<NodeRecord> moving = store_.subtree(brainId_, fromPath);
   if (moving.empty() || moving.front().path != fromPath) return;
 
@@ -127,13 +227,14 @@ void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath)
 }
 
 void BatchApplier::ensureDirectory(std::string_view path) {
-  if (auto node = store_.nodeAtPath(brainId_, path)) {
+  if (auto node = nodeAtPath(path)) {
     if (node->isDirectory) return;
     deleteSubtree(path);
   }
   NodeRecord folder = folderRecord(path, std::string(lastComponent(path)));
-  store_.upsertNode(folder);
+  upsert(folder);
   recordChange(folder.nodeId, false);
+  learnNewFolder(path);
 }
 
 bool BatchApplier::deleteSubtree(std::string_view path,
@@ -142,7 +243,8 @@ bool BatchApplier::deleteSubtree(std::string_view path,
     bool deleted = false;
     for (const NodeRecord& record : store_.subtree(brainId_, path)) {
       if (sparing.contains(record.nodeId)) continue;
-      if (store_.deleteNode(brainId_, record.nodeId)) deleted = true;
+      remove(record);
+      deleted = true;
       dropFromQueue(record.nodeId);
       recordChange(record.nodeId, true);
     }
@@ -156,16 +258,18 @@ void BatchApplier::rekeyDirectory(const NodeRecord& record, std::string_view new
   rekeyed.path = std::string(newPath);
   if (record.title == lastComponent(record.path)) rekeyed.title = lastComponent(newPath);
 
-  store_.deleteNode(brainId_, record.nodeId);
+  remove(record);
   dropFromQueue(record.nodeId);
   recordChange(record.nodeId, true);
 
-  store_.upsertNode(rekeyed);
+  upsert(rekeyed);
   recordChange(rekeyed.nodeId, false);
 }
 
 void BatchApplier::recordChange(const std::string& nodeId, bool deleted) {
+  const bool current = knownIsCurrent();
   store_.recordChange(SyncItemIdentifier::node(brainId_, nodeId), deleted);
+  if (current) restamp();
   changed_ = true;
 }
 
@@ -184,7 +288,7 @@ std::vector<DownloadRequest> BatchApplier::downloadRequests(
   std::vector<DownloadRequest> requests;
   requests.reserve(downloadNodeIds_.size());
   for (const std::string& nodeId : downloadNodeIds_) {
-    auto node = store_.nodeWithId(brainId_, nodeId);
+    auto node = nodeWithId(nodeId);
     if (!node || node->isDirectory) continue;
     requests.push_back(DownloadRequest{brainId_, nodeId, std::move(node->path), node->kind,
                                        node->contentVersion, cursor});

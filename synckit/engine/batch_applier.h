@@ -1,8 +1,11 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -23,6 +26,12 @@ namespace synckit {
 // Node ids it makes: "dir:" + full path for folders it creates (and for such
 // folders when moved, which re-keys them), "local:" + a new upper-case UUID
 // for files it creates. Any other id is kept as is.
+//
+// Inside a write transaction the applier keeps what it read and wrote, so
+// that a page does not read back its own rows (folders it just made, the
+// nodes it queued). The store's exclusiveChangeCount tells it when anyone
+// else wrote in between, and it then forgets everything; outside a write
+// transaction it reads the store every time.
 //
 // One applier serves one feed page or one local mutation, from one thread at
 // a time. It does not open a transaction: callers that need the work to be
@@ -65,6 +74,9 @@ class BatchApplier {
   // folder's old name follows the new name; any other title is kept.
   void rekeyDirectory(const NodeRecord& record, std::string_view newPath);
 
+  // The node at `path` as the store has it now.
+  std::optional<NodeRecord> nodeAtPath(std::string_view path);
+
   // Writes a change-log row (SyncItemIdentifier::node) for a node of this
   // brain and sets `changed`; for callers that write a node themselves.
   void recordChange(const std::string& nodeId, bool deleted);
@@ -87,6 +99,36 @@ class BatchApplier {
   void setEntryDate(Timestamp date) noexcept { entryDate_ = date; }
 
  private:
+  // Hashes std::string and std::string_view alike, for lookups by view.
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept {
+      return std::hash<std::string_view>()(text);
+    }
+  };
+  using TextSet = std::unordered_set<std::string, TextHash, std::equal_to<>>;
+
+  // What this applier knows of the brain's nodes, valid while the store's
+  // exclusive change count equals `stamp`.
+  struct Known {
+    std::optional<std::int64_t> stamp;
+    // A path's node, or none when it is known to be free.
+    std::unordered_map<std::string, std::optional<NodeRecord>, TextHash, std::equal_to<>> byPath;
+    std::unordered_map<std::string, std::string, TextHash, std::equal_to<>> pathById;
+    // Folders whose every descendant is in byPath.
+    TextSet completeFolders;
+  };
+
+  bool knownIsCurrent();
+  void restamp();
+  void remember(const NodeRecord& record);
+  void rememberGone(const NodeRecord& record);
+  bool insideCompleteFolder(std::string_view path) const;
+  std::optional<NodeRecord> nodeWithId(const std::string& nodeId);
+  void upsert(const NodeRecord& record);
+  void remove(const NodeRecord& record);
+  void learnNewFolder(std::string_view path);
+
   void dropFromQueue(const std::string& nodeId);
   NodeRecord folderRecord(std::string_view path, std::string title) const;
 
@@ -96,6 +138,7 @@ class BatchApplier {
   std::vector<std::string> downloadNodeIds_;
   std::unordered_set<std::string> downloadSet_;
   Timestamp entryDate_;
+  Known known_;
 };
 
 }  // namespace synckit

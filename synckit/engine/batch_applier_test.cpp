@@ -202,5 +202,30 @@ TEST_F(BatchApplierTest, DownloadRequestsFollowTheNodesAsTheyEndUp) {
                           DownloadRequest{t.brainId, two, "two.md", NodeKind::blob, 1, "c1"}));
 }
 
+TEST_F(BatchApplierTest, InsideATransactionItStillSeesWhatOthersWrote) {
+  // The applier keeps what it wrote while it holds the write lock; writes by
+  // anyone else in between must still be seen.
+  t.store->writeTransaction([&] {
+    applier.applyCreate("a/x.md", "x", false, NodeKind::text);
+    EXPECT_TRUE(applier.nodeAtPath("a"));
+    EXPECT_FALSE(applier.nodeAtPath("a/y.md"));
+
+    t.store->deleteNode(t.brainId, "dir:a");
+    NodeRecord other = node("a/x.md");
+    other.nodeId = "n-other";
+    other.path = "a/y.md";
+    t.store->upsertNode(other);
+    EXPECT_FALSE(applier.nodeAtPath("a"));
+    EXPECT_EQ(applier.nodeAtPath("a/y.md"), other);
+
+    applier.applyCreate("a/z.md", "z", false, NodeKind::text);  // makes "a" again
+    EXPECT_TRUE(node("a").isDirectory);
+    const std::string z = node("a/z.md").nodeId;
+    t.store->updateNodePath(t.brainId, z, "elsewhere.md");
+    EXPECT_EQ(applier.downloadRequests(std::nullopt).back().path, "elsewhere.md");
+  });
+  EXPECT_EQ(t.paths(), (Strings{"a", "a/x.md", "a/y.md", "elsewhere.md"}));
+}
+
 }  // namespace
 }  // namespace synckit

@@ -22,7 +22,7 @@ void retitleFolder(BatchApplier& applier, MetadataStore& store, NodeRecord folde
 
 void applyCreate(BatchApplier& applier, MetadataStore& store, const Op::Create& op) {
   const NodeKind kind = op.nodeKind.value_or(NodeKind::text);
-  auto existing = store.nodeAtPath(applier.brainId(), op.path);
+  auto existing = applier.nodeAtPath(op.path);
   if (!existing) {
     applier.applyCreate(op.path, op.title, op.isDirectory, kind);
   } else if (existing->isDirectory && op.isDirectory) {
@@ -41,7 +41,7 @@ void applyCreate(BatchApplier& applier, MetadataStore& store, const Op::Create& 
 }
 
 void applyMkdir(BatchApplier& applier, MetadataStore& store, const Op::Mkdir& op) {
-  auto existing = store.nodeAtPath(applier.brainId(), op.path);
+  auto existing = applier.nodeAtPath(op.path);
   if (existing && existing->isDirectory) {
     retitleFolder(applier, store, std::move(*existing), op.title);
     return;
