@@ -89,16 +89,19 @@ ReconcileResult reconcile(const std::vector<FeedEntry>& entries, const Uuid& bra
     for (const FeedEntry& entry : entries) {
       seenCursors.insert(entry.cursor);
       for (const Op& op : entry.ops) {
-        bool keepLocal = false;
+        const PendingChange* keptLocal = nullptr;
         for (const PendingChange& change : pending) {
           const bool entryFollowsBase =
               !(change.baseCursor && seenCursors.contains(*change.baseCursor));
           if (!ConflictDetector::remoteChangeCollides(op, change, entryFollowsBase)) continue;
-          if (resolve(entry, op, change) == ConflictResolution::keepLocal) keepLocal = true;
+          if (resolve(entry, op, change) == ConflictResolution::keepLocal && !keptLocal) {
+            keptLocal = &change;
+          }
         }
         // The local version must reach the server before this page can be
-        // applied; the page is fetched again from the unchanged cursor.
-        if (keepLocal) throw FileNotFoundError("");
+        // applied; the page is fetched again from the unchanged cursor. The
+        // error names the local item whose content the page cannot replace.
+        if (keptLocal) throw FileNotFoundError(keptLocal->path);
         applier.setEntryDate(entry.at);
         dispatch(applier, store, op);
       }

@@ -41,10 +41,9 @@ namespace Reconciler {
 
 // Applies `entries` in one immediate transaction (joining an open one) under
 // the store lock, then sets the brain's cursor to `cursor`. Either all of it
-// is committed or nothing: a keepLocal answer throws FileNotFoundError, and
-// errors of the handler or the store are rethrown, after rolling back. The
-// brain must be stored (MetadataStoreError::unknownBrain otherwise). Any
-// thread.
+// is committed or nothing: a keepLocal answer throws FileNotFoundError naming the local change's
+// path, and errors of the handler or the store are rethrown, after rolling back. The brain must be
+// stored (MetadataStoreError::unknownBrain otherwise). Any thread.
 ReconcileResult reconcile(const std::vector<FeedEntry>& entries, const Uuid& brainId,
                           const std::optional<std::string>& cursor, MetadataStore& store,
                           const ConflictHandler& resolve);
