@@ -1,7 +1,7 @@
 // The sync engine against the reference service: a brain's snapshot and the
 // change-feed pages that follow it, made by others through the control
 // interface, applied to a real store by the engine and compared with the
-// server's own tree; then content sent by the engine and read back.
+// server's own tree; and content sent by the engine and read back.
 
 #include <gtest/gtest.h>
 
@@ -13,8 +13,10 @@
 #include <vector>
 
 #include "synckit/base/crypto.h"
+#include "synckit/engine/content_uploader.h"
 #include "synckit/engine/reconciler.h"
 #include "synckit/engine/reset_planner.h"
+#include "synckit/engine/upload_planner.h"
 #include "synckit/platform/ignore_list.h"
 #include "synckit/store/metadata_store.h"
 #include "synckit/testing/temporary_directory.h"
@@ -199,6 +201,49 @@ TEST_F(EngineAgainstDevServerTest, SnapshotAndFeedPagesLeaveTheStoreMatchingTheS
   auto anchor = store_->currentAnchor();
   EXPECT_TRUE(applyReset().isEmpty());
   EXPECT_EQ(store_->currentAnchor(), anchor);
+}
+
+TEST_F(EngineAgainstDevServerTest, UploadedTextAndBlobReadBackByteForByte) {
+  const std::string text =
+      "# Caf\xC3\xA9\n\nr\xC3\xA9sum\xC3\xA9 \xE2\x80\x94 \xF0\x9F\x8C\xB1\r\n";
+  synckit::Bytes blob(300 * 1024);
+  std::uint32_t state = 12345;
+  for (auto& byte : blob) {
+    state = state * 1103515245u + 12345u;
+    byte = static_cast<std::uint8_t>(state >> 24);
+  }
+  blob[0] = 0;  // binary without doubt
+
+  auto textPlan = synckit::UploadPlanner::planContentUpload(synckit::toBytes(text));
+  auto blobPlan = synckit::UploadPlanner::planContentUpload(blob);
+  ASSERT_EQ(textPlan.kind(), synckit::ContentUploadPlan::Kind::text);
+  ASSERT_EQ(blobPlan.kind(), synckit::ContentUploadPlan::Kind::blob);
+
+  auto sentText = synckit::ContentUploader::send(textPlan, brainId_, "e2e/up/caf\xC3\xA9.md",
+                                                 deviceId_, api_, tokens_);
+  auto sentBlob = synckit::ContentUploader::send(blobPlan, brainId_, "e2e/up/data.bin", deviceId_,
+                                                 api_, tokens_);
+  EXPECT_EQ(sentText.kind, synckit::NodeKind::text);
+  EXPECT_EQ(sentText.result.node.path, "e2e/up/caf\xC3\xA9.md");
+  EXPECT_EQ(sentBlob.kind, synckit::NodeKind::blob);
+  EXPECT_EQ(sentBlob.blobHash, synckit::hexLower(synckit::sha256(blob)));
+  EXPECT_EQ(sentBlob.blobSize, static_cast<std::int64_t>(blob.size()));
+
+  auto readText = api_.readFile(brainId_, sentText.result.node.path, sentText.result.cursor);
+  ASSERT_TRUE(readText.as<DownloadedFile::Text>());
+  EXPECT_EQ(readText.as<DownloadedFile::Text>()->content, text);
+  auto readBlob = api_.readFile(brainId_, sentBlob.result.node.path, sentBlob.result.cursor);
+  ASSERT_TRUE(readBlob.as<DownloadedFile::Blob>());
+  EXPECT_TRUE(readBlob.as<DownloadedFile::Blob>()->data == blob);
+
+  // The server's tree agrees on what it holds and under which ids.
+  json tree = control("GET", "/brains/" + brain_.id + "/tree");
+  std::map<std::string, json> byPath;
+  for (const json& node : tree.at("nodes")) byPath[node.at("path")] = node;
+  EXPECT_EQ(byPath["e2e/up/caf\xC3\xA9.md"]["content"], text);
+  EXPECT_EQ(byPath["e2e/up/caf\xC3\xA9.md"]["nodeId"], sentText.result.node.nodeId);
+  EXPECT_EQ(byPath["e2e/up/data.bin"]["base64"], synckit::base64Encode(blob));
+  EXPECT_EQ(byPath["e2e/up/data.bin"]["nodeId"], sentBlob.result.node.nodeId);
 }
 
 }  // namespace
