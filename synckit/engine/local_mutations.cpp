@@ -9,7 +9,6 @@ namespace synckit::LocalMutations {
 namespace {
 
 constexpr std::string_view kLocalPrefix = "local:";
-constexpr std::string_view kDirectoryPrefix = "dir:";
 
 std::int64_t journal(MetadataStore& store, const Uuid& brainId, PendingChangeKind kind,
                      const std::optional<std::string>& nodeId, std::string_view path,
@@ -129,23 +128,10 @@ NodeRecord applyLocalDirectory(MetadataStore& store, const Uuid& brainId, std::s
     BatchApplier applier(brainId, store);
     applier.setEntryDate(now);
     ensureAncestors(applier, path);
-    if (std::optional<NodeRecord> existing = applier.nodeAtPath(path)) {
-      if (existing->isDirectory) return std::move(*existing);
-      applier.deleteSubtree(path);
-    }
-
-    NodeRecord record;
-    record.brainId = brainId;
-    record.nodeId = std::string(kDirectoryPrefix) + std::string(path);
-    record.path = std::string(path);
-    record.title = std::string(path.substr(path.rfind('/') + 1));
-    record.isDirectory = true;
-    record.kind = NodeKind::text;
-    record.updatedAt = now;
-    record.contentVersion = 0;
-    store.upsertNode(record);
-    applier.recordChange(record.nodeId, false);
-    return record;
+    // The feed's way of making a folder: an existing one stays as it is, a
+    // file there is replaced by "dir:" + path titled with the last component.
+    applier.ensureDirectory(path);
+    return *applier.nodeAtPath(path);
   });
 }
 
