@@ -16,9 +16,14 @@ std::int64_t journal(MetadataStore& store, const Uuid& brainId, PendingChangeKin
   return store.withLock([&] {
     // Reconciliation compares this cursor with a page's to tell whether the
     // server's change came before or after this edit.
-    PendingChange change{
-        std::nullopt,          brainId, nodeId, kind, std::string(path), std::move(fromPath),
-        store.cursor(brainId), now};
+    PendingChange change;
+    change.brainId = brainId;
+    change.nodeId = nodeId;
+    change.changeKind = kind;
+    change.path = std::string(path);
+    change.fromPath = std::move(fromPath);
+    change.baseCursor = store.cursor(brainId);
+    change.createdAt = now;
     return store.enqueue(change);
   });
 }
