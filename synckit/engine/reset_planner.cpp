@@ -81,37 +81,43 @@ class Planner {
   }
 
   ResetPlan apply(const std::vector<SnapshotNode>& fullSnapshot) {
-    std::vector<const SnapshotNode*> snapshot;
-    snapshot.reserve(fullSnapshot.size());
-    for (const SnapshotNode& node : fullSnapshot) {
-      if (!IgnoreList::isIgnored(node.path)) snapshot.push_back(&node);
-    }
-
-    std::unordered_set<std::string_view> snapshotIds;
-    std::unordered_set<std::string_view> snapshotPaths;
-    snapshotIds.reserve(snapshot.size());
-    snapshotPaths.reserve(snapshot.size());
-    std::set<std::string, std::less<>> impliedFolders;
-    Timestamp newest;
-    for (const SnapshotNode* node : snapshot) {
-      snapshotIds.insert(node->nodeId);
-      snapshotPaths.insert(node->path);
-      addProperAncestors(node->path, impliedFolders);
-      newest = std::max(newest, node->updatedAt);
-    }
-
     // One read of the brain serves every lookup below: the caller's
     // transaction keeps anyone else from changing it meanwhile.
     const std::vector<NodeRecord> stored = store_.nodes(brainId_);
-    std::unordered_map<std::string_view, const NodeRecord*> storedById;
+    std::unordered_map<std::string_view, std::size_t> storedById;
     storedById.reserve(stored.size());
-    for (const NodeRecord& node : stored) storedById.emplace(node.nodeId, &node);
+    for (std::size_t i = 0; i < stored.size(); ++i) storedById.emplace(stored[i].nodeId, i);
 
-    // Paths held once the snapshot is in: its own, plus the stored nodes
-    // that survive without being in it.
-    std::unordered_set<std::string_view> occupied = snapshotPaths;
-    for (const NodeRecord& node : stored) {
-      if (snapshotIds.contains(node.nodeId)) continue;
+    // Each snapshot node that counts, with the stored row of the same id.
+    struct Pair {
+      const SnapshotNode* node;
+      const NodeRecord* stored;
+    };
+    std::vector<Pair> snapshot;
+    snapshot.reserve(fullSnapshot.size());
+    std::vector<bool> inSnapshot(stored.size(), false);
+    std::unordered_set<std::string_view> snapshotPaths;
+    snapshotPaths.reserve(fullSnapshot.size());
+    std::set<std::string, std::less<>> impliedFolders;
+    Timestamp newest;
+    for (const SnapshotNode& node : fullSnapshot) {
+      if (IgnoreList::isIgnored(node.path)) continue;
+      const NodeRecord* match = nullptr;
+      if (auto found = storedById.find(node.nodeId); found != storedById.end()) {
+        inSnapshot[found->second] = true;
+        match = &stored[found->second];
+      }
+      snapshot.push_back({&node, match});
+      snapshotPaths.insert(node.path);
+      addProperAncestors(node.path, impliedFolders);
+      newest = std::max(newest, node.updatedAt);
+    }
+
+    // The paths of stored nodes that stay without being in the snapshot.
+    std::unordered_set<std::string_view> kept;
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+      if (inSnapshot[i]) continue;
+      const NodeRecord& node = stored[i];
       // A path the snapshot hands to another node must be freed whatever
       // held it; otherwise a kept local or "dir:" row (the folder made from
       // the feed, now listed with the server's own id) would collide with it.
@@ -120,7 +126,7 @@ class Planner {
       bool keptFolder = startsWith(node.nodeId, kFolderPrefix) && !pathTaken &&
                         impliedFolders.contains(node.path);
       if (keptLocal || keptFolder) {
-        occupied.insert(node.path);
+        kept.insert(node.path);
       } else {
         remove(node.nodeId);
       }
@@ -129,9 +135,8 @@ class Planner {
     // Two passes so that no two rows ever share a path, even when nodes
     // swap places.
     std::vector<const SnapshotNode*> moving;
-    for (const SnapshotNode* node : snapshot) {
-      auto found = storedById.find(node->nodeId);
-      if (found != storedById.end() && found->second->path != node->path) moving.push_back(node);
+    for (const auto& [node, before] : snapshot) {
+      if (before && before->path != node->path) moving.push_back(node);
     }
     for (const SnapshotNode* node : moving) {
       store_.updateNodePath(brainId_, node->nodeId, std::string(kMovingPrefix) + node->nodeId);
@@ -141,18 +146,16 @@ class Planner {
     }
 
     std::vector<NodeRecord> queued;
-    for (const SnapshotNode* node : snapshot) {
-      auto found = storedById.find(node->nodeId);
-      if (found == storedById.end()) {
+    for (const auto& [node, before] : snapshot) {
+      if (!before) {
         NodeRecord record = newRecord(brainId_, *node);
         write(record);
         if (!record.isDirectory) queued.push_back(std::move(record));
         continue;
       }
-      const NodeRecord& before = *found->second;
-      if (sameAsStored(before, *node)) continue;
-      bool changed = contentChanged(before, *node);
-      NodeRecord record = before;
+      if (sameAsStored(*before, *node)) continue;
+      bool changed = contentChanged(*before, *node);
+      NodeRecord record = *before;
       record.path = node->path;
       record.title = node->title;
       record.isDirectory = node->isDirectory;
@@ -166,7 +169,7 @@ class Planner {
     }
 
     for (const std::string& path : impliedFolders) {
-      if (occupied.contains(path)) continue;
+      if (snapshotPaths.contains(path) || kept.contains(path)) continue;
       NodeRecord folder;
       folder.brainId = brainId_;
       folder.nodeId = std::string(kFolderPrefix) + path;
