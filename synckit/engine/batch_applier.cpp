@@ -2,28 +2,17 @@
 
 #include <algorithm>
 
+#include "synckit/platform/path_rules.h"
 #include "synckit/store/sync_item_identifier.h"
 
 namespace synckit {
 namespace {
 
+using PathRules::lastComponent;
+using PathRules::properAncestors;
+
 constexpr std::string_view kDirectoryPrefix = "dir:";
 constexpr std::string_view kLocalPrefix = "local:";
-
-std::string_view lastComponent(std::string_view path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-// "a/b/c" gives "a" and "a/b". A "/" in the first position starts no
-// ancestor, so a stray leading slash never yields an empty-named folder.
-std::vector<std::string_view> properAncestors(std::string_view path) {
-  std::vector<std::string_view> ancestors;
-  for (std::size_t i = 1; i < path.size(); ++i) {
-    if (path[i] == '/') ancestors.push_back(path.substr(0, i));
-  }
-  return ancestors;
-}
 
 std::string directoryId(std::string_view path) {
   std::string id(kDirectoryPrefix);
@@ -146,7 +135,7 @@ NodeRecord BatchApplier::folderRecord(std::string_view path, std::string title) 
 
 void BatchApplier::applyCreate(std::string_view path, std::string_view title, bool isDirectory,
                                NodeKind kind) {
-  for (std::string_view ancestor : properAncestors(path)) ensureDirectory(ancestor);
+  ensureAncestors(path);
 
   NodeRecord record;
   if (isDirectory) {
@@ -211,7 +200,7 @@ void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath)
   std::unordered_set<std::string> movingIds;
   for (const NodeRecord& record : moving) movingIds.insert(record.nodeId);
   deleteSubtree(toPath, movingIds);
-  for (std::string_view ancestor : properAncestors(toPath)) ensureDirectory(ancestor);
+  ensureAncestors(toPath);
 
   for (const NodeRecord& record : moving) {
     std::string newPath(toPath);
@@ -224,6 +213,10 @@ void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath)
       recordChange(record.nodeId, false);
     }
   }
+}
+
+void BatchApplier::ensureAncestors(std::string_view path) {
+  for (std::string_view ancestor : properAncestors(path)) ensureDirectory(ancestor);
 }
 
 void BatchApplier::ensureDirectory(std::string_view path) {

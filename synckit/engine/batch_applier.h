@@ -65,6 +65,8 @@ class BatchApplier {
 
   // Makes sure a folder is at `path`, deleting a file that sits there.
   void ensureDirectory(std::string_view path);
+  // ensureDirectory for each proper ancestor of `path`, shortest first.
+  void ensureAncestors(std::string_view path);
 
   // Deletes the node at `path` and its descendants except the ids in
   // `sparing`; true when at least one row went.

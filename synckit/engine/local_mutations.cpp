@@ -28,14 +28,6 @@ std::int64_t journal(MetadataStore& store, const Uuid& brainId, PendingChangeKin
   });
 }
 
-// Folders for "a" and "a/b" of "a/b/c", made (or a file there replaced) as
-// the feed would.
-void ensureAncestors(BatchApplier& applier, std::string_view path) {
-  for (std::size_t i = 1; i < path.size(); ++i) {
-    if (path[i] == '/') applier.ensureDirectory(path.substr(0, i));
-  }
-}
-
 void dropJournal(MetadataStore& store, std::optional<std::int64_t> journalId) {
   if (journalId) store.removePendingChange(*journalId);
 }
@@ -69,7 +61,7 @@ NodeRecord applyUpload(MetadataStore& store, const Uuid& brainId, const WriteRes
     BatchApplier applier(brainId, store);
     applier.setEntryDate(now);
     const std::string& path = result.node.path;
-    ensureAncestors(applier, path);
+    applier.ensureAncestors(path);
 
     NodeRecord record;
     record.brainId = brainId;
@@ -107,7 +99,7 @@ NodeRecord applyLocalOnly(MetadataStore& store, const Uuid& brainId, std::string
   return store.writeTransaction([&] {
     BatchApplier applier(brainId, store);
     applier.setEntryDate(now);
-    ensureAncestors(applier, path);
+    applier.ensureAncestors(path);
     applier.deleteSubtree(path);
 
     NodeRecord record;
@@ -132,7 +124,7 @@ NodeRecord applyLocalDirectory(MetadataStore& store, const Uuid& brainId, std::s
   return store.writeTransaction([&] {
     BatchApplier applier(brainId, store);
     applier.setEntryDate(now);
-    ensureAncestors(applier, path);
+    applier.ensureAncestors(path);
     // The feed's way of making a folder: an existing one stays as it is, a
     // file there is replaced by "dir:" + path titled with the last component.
     applier.ensureDirectory(path);

@@ -8,20 +8,13 @@
 #include <utility>
 
 #include "synckit/platform/ignore_list.h"
+#include "synckit/platform/path_rules.h"
 
 namespace synckit {
 namespace {
 
 constexpr std::string_view kFolderPrefix = "dir:";
 constexpr std::string_view kMovingPrefix = "/moving:";
-
-// The batch applier's path rules, which it keeps to itself: the text after
-// the last "/", and every prefix ending just before a "/" at position 1 or
-// later.
-std::string_view lastComponent(std::string_view path) {
-  auto slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
 
 // Adds the proper ancestors of `path` to `folders`. Walking from the longest
 // one down lets it stop at the first one already there: that one's own
@@ -174,7 +167,7 @@ class Planner {
       folder.brainId = brainId_;
       folder.nodeId = std::string(kFolderPrefix) + path;
       folder.path = path;
-      folder.title = std::string(lastComponent(path));
+      folder.title = std::string(PathRules::lastComponent(path));
       folder.isDirectory = true;
       folder.kind = NodeKind::text;
       folder.updatedAt = newest;

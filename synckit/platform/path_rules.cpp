@@ -17,4 +17,17 @@ bool isNormalizedWritePath(std::string_view path) {
   }
 }
 
+std::string_view lastComponent(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+std::vector<std::string_view> properAncestors(std::string_view path) {
+  std::vector<std::string_view> ancestors;
+  for (std::size_t i = 1; i < path.size(); ++i) {
+    if (path[i] == '/') ancestors.push_back(path.substr(0, i));
+  }
+  return ancestors;
+}
+
 }  // namespace synckit::PathRules
