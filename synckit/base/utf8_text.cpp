@@ -83,4 +83,12 @@ std::optional<std::size_t> utf16Length(std::string_view bytes) {
   return units;
 }
 
+std::string asciiLowercased(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return lower;
+}
+
 }  // namespace synckit

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <tuple>
 
+#include "synckit/base/utf8_text.h"
 #include "synckit/engine/content_classifier.h"
 #include "synckit/platform/ignore_list.h"
 #include "synckit/platform/path_rules.h"
@@ -16,13 +17,6 @@ std::string join(std::string_view parentPath, std::string_view name) {
   if (!path.empty()) path += '/';
   path.append(name);
   return path;
-}
-
-std::string lowercased(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lower;
 }
 
 CreatePlan rejectCreate(UploadPlanError error) { return CreatePlan::Rejected{std::move(error)}; }
@@ -149,14 +143,14 @@ std::optional<Uuid> resolveInboxBrain(const std::vector<BrainRecord>& brains,
   };
   std::vector<Entry> ordered;
   ordered.reserve(brains.size());
-  for (const BrainRecord& brain : brains) ordered.push_back({lowercased(brain.name), &brain});
+  for (const BrainRecord& brain : brains) ordered.push_back({asciiLowercased(brain.name), &brain});
   std::sort(ordered.begin(), ordered.end(), [](const Entry& a, const Entry& b) {
     return std::forward_as_tuple(a.name, a.brain->slug, a.brain->brainId.toString()) <
            std::forward_as_tuple(b.name, b.brain->slug, b.brain->brainId.toString());
   });
   if (ordered.empty()) return std::nullopt;
   for (const Entry& entry : ordered) {
-    if (lowercased(entry.brain->slug) == "inbox") return entry.brain->brainId;
+    if (asciiLowercased(entry.brain->slug) == "inbox") return entry.brain->brainId;
   }
   return ordered.front().brain->brainId;
 }

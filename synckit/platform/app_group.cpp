@@ -4,6 +4,7 @@
 
 #include "synckit/base/metadata_store_error.h"
 #include "synckit/base/url.h"
+#include "synckit/base/utf8_text.h"
 #include "synckit/platform/app_identity.h"
 
 namespace synckit::AppGroup {
@@ -64,13 +65,6 @@ std::string_view trimmed(std::string_view text) {
   return text;
 }
 
-std::string lowercased(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return text;
-}
-
 }  // namespace
 
 std::string identifier() {
@@ -123,7 +117,7 @@ std::string resolveBaseURL(const std::optional<std::string>& override) {
   if (text.empty()) return fallback;
   auto url = URLComponents::parse(text);
   if (!url || !url->scheme) return fallback;
-  std::string scheme = lowercased(*url->scheme);
+  std::string scheme = asciiLowercased(*url->scheme);
   if (scheme != "http" && scheme != "https") return fallback;
   if (!url->host || url->host->empty()) return fallback;
   return std::string(text);
