@@ -78,6 +78,11 @@ auto readJSONDocument(std::string_view text, F&& read)
   } catch (const nlohmann::json::parse_error& error) {
     throw DecodingError(DecodingError::Kind::dataCorrupted,
                         "The data is not valid JSON (at byte " + std::to_string(error.byte) + ").");
+  } catch (const nlohmann::json::exception&) {
+    // The parser reports a number too large for a double as out of range
+    // rather than as a syntax error, wherever it stands in the document.
+    throw DecodingError(DecodingError::Kind::dataCorrupted,
+                        "The data is not valid JSON (a number is out of range).");
   }
   try {
     return read(JSONReader(document));

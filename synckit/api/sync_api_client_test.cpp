@@ -224,6 +224,8 @@ TEST(SyncAPIErrorTest, MakeAPIErrorFallsBackToTheBodyText) {
   EXPECT_EQ(SyncAPIClient::makeAPIError(500, {}), SyncAPIError(500, "unknown", "HTTP 500"));
   EXPECT_EQ(SyncAPIClient::makeAPIError(500, toBytes("oops")),
             SyncAPIError(500, "unknown", "HTTP 500: oops"));
+  EXPECT_EQ(SyncAPIClient::makeAPIError(500, toBytes(R"({"n":1e310})")),
+            SyncAPIError(500, "unknown", R"(HTTP 500: {"n":1e310})"));
   EXPECT_EQ(SyncAPIClient::makeAPIError(502, toBytes(R"({"error":"bad gateway"})")),
             SyncAPIError(502, "unknown", R"(HTTP 502: {"error":"bad gateway"})"));
   EXPECT_EQ(SyncAPIClient::makeAPIError(500, Bytes{'a', 0xFF, 'b'}),

@@ -174,6 +174,13 @@ TEST(SyncJSONTest, RecordsHandleOptionalsNullsTypesAndIntegers) {
 
   auto notJSON = decodingErrorOf([] { SyncJSON::decode<Brain>(std::string_view("{\"id\":")); });
   EXPECT_EQ(notJSON.kind(), DecodingError::Kind::dataCorrupted);
+  // A number no double can hold fails as bad data even in a member nobody reads.
+  auto hugeNumber = decodingErrorOf([] {
+    SyncJSON::decode<Brain>(
+        std::string_view(R"({"id":"B","teamId":"t","name":"n","slug":"s","x":[-1e310]})"));
+  });
+  EXPECT_EQ(hugeNumber.kind(), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(hugeNumber.description(), "The data is not valid JSON (a number is out of range).");
 
   EXPECT_EQ(
       SyncJSON::decode<BlobReceipt>(std::string_view(R"({"hash":"h","size":104857600})")).size,
