@@ -51,6 +51,18 @@ std::string requiredString(const JSONReader& reader, std::string_view key) {
   return reader.member(key).string();
 }
 
+// A node id becomes part of the node's item identifier, whose text form
+// cannot hold an empty one; such a node could never be named again.
+std::string requiredNodeId(const JSONReader& reader) {
+  auto member = reader.member("nodeId");
+  std::string nodeId = member.string();
+  if (nodeId.empty()) {
+    member.fail(DecodingError::Kind::dataCorrupted,
+                "Empty node id for \"" + member.codingPath() + "\".");
+  }
+  return nodeId;
+}
+
 Brain read(const JSONReader& r, Tag<Brain>) {
   return Brain{requiredString(r, "id"), requiredString(r, "teamId"), requiredString(r, "name"),
                requiredString(r, "slug"), optionalString(r, "headCursor")};
@@ -109,7 +121,7 @@ FeedEntry read(const JSONReader& r, Tag<FeedEntry>) {
 
 SnapshotNode read(const JSONReader& r, Tag<SnapshotNode>) {
   SnapshotNode node;
-  node.nodeId = requiredString(r, "nodeId");
+  node.nodeId = requiredNodeId(r);
   node.path = requiredString(r, "path");
   node.title = requiredString(r, "title");
   node.isDirectory = r.member("isDirectory").boolean();
@@ -136,7 +148,7 @@ ChangesResponse read(const JSONReader& r, Tag<ChangesResponse>) {
 }
 
 NodeRef read(const JSONReader& r, Tag<NodeRef>) {
-  return NodeRef{requiredString(r, "nodeId"), requiredString(r, "path")};
+  return NodeRef{requiredNodeId(r), requiredString(r, "path")};
 }
 
 WriteResult read(const JSONReader& r, Tag<WriteResult>) {

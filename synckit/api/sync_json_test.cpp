@@ -71,6 +71,15 @@ TEST(SyncJSONTest, ChangesResponseChoosesItsCaseFromReset) {
   EXPECT_EQ(snapshot[1].blobHash, std::nullopt);
   EXPECT_EQ(snapshot[1].blobSize, std::nullopt);
 
+  // An empty node id could never be named by an item identifier again.
+  auto emptyNodeId = decodingErrorOf([] {
+    SyncJSON::decode<ChangesResponse>(std::string_view(R"({"reset":true,"snapshot":[
+        {"nodeId":"","path":"a","title":"a","isDirectory":true,"kind":"text",
+         "updatedAt":"2025-03-01T09:30:12.345Z"}]})"));
+  });
+  EXPECT_EQ(emptyNodeId.kind(), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(emptyNodeId.description(), "Empty node id for \"snapshot[0].nodeId\".");
+
   auto incremental =
       SyncJSON::decode<ChangesResponse>(std::string_view(R"({"reset":false,"entries":[]})"));
   ASSERT_EQ(incremental.kind(), ChangesResponse::Kind::incremental);
@@ -199,6 +208,11 @@ TEST(SyncJSONTest, RecordsHandleOptionalsNullsTypesAndIntegers) {
   EXPECT_EQ(SyncJSON::decode<WriteResult>(
                 std::string_view(R"({"node":{"nodeId":"n","path":"p"},"cursor":"c"})")),
             (WriteResult{{"n", "p"}, "c"}));
+  EXPECT_EQ(decodingErrorOf([] {
+              SyncJSON::decode<WriteResult>(
+                  std::string_view(R"({"node":{"nodeId":"","path":"p"},"cursor":"c"})"));
+            }).kind(),
+            DecodingError::Kind::dataCorrupted);
   EXPECT_EQ(SyncJSON::decode<DeleteResult>(std::string_view(R"({"deleted":false})")),
             (DeleteResult{false, {}}));
   EXPECT_EQ(SyncJSON::decode<SyncAPIError::Envelope>(
