@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <limits>
-
 #include <nlohmann/json.hpp>
 
 namespace synckit {
@@ -10,15 +9,22 @@ namespace {
 
 std::string_view typeName(const nlohmann::json& value) {
   switch (value.type()) {
-    case nlohmann::json::value_t::null: return "null";
-    case nlohmann::json::value_t::object: return "an object";
-    case nlohmann::json::value_t::array: return "an array";
-    case nlohmann::json::value_t::string: return "a string";
-    case nlohmann::json::value_t::boolean: return "a boolean";
+    case nlohmann::json::value_t::null:
+      return "null";
+    case nlohmann::json::value_t::object:
+      return "an object";
+    case nlohmann::json::value_t::array:
+      return "an array";
+    case nlohmann::json::value_t::string:
+      return "a string";
+    case nlohmann::json::value_t::boolean:
+      return "a boolean";
     case nlohmann::json::value_t::number_integer:
     case nlohmann::json::value_t::number_unsigned:
-    case nlohmann::json::value_t::number_float: return "a number";
-    default: return "an unsupported value";
+    case nlohmann::json::value_t::number_float:
+      return "a number";
+    default:
+      return "an unsupported value";
   }
 }
 
@@ -43,8 +49,10 @@ void JSONReader::fail(DecodingError::Kind kind, std::string description) const {
 void JSONReader::failType(std::string_view expected) const {
   std::string path = codingPath();
   std::string where = path.empty() ? "at the top level" : "for \"" + path + "\"";
-  auto kind = value_->is_null() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch;
-  fail(kind, "Expected " + std::string(expected) + " " + where + " but found " + std::string(typeName(*value_)) + ".");
+  auto kind =
+      value_->is_null() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch;
+  fail(kind, "Expected " + std::string(expected) + " " + where + " but found " +
+                 std::string(typeName(*value_)) + ".");
 }
 
 JSONReader JSONReader::member(std::string_view key) const {
@@ -76,7 +84,8 @@ bool JSONReader::boolean() const {
 }
 
 std::int64_t JSONReader::integer() const {
-  if (value_->is_number_integer() && !value_->is_number_unsigned()) return value_->get<std::int64_t>();
+  if (value_->is_number_integer() && !value_->is_number_unsigned())
+    return value_->get<std::int64_t>();
   if (value_->is_number_unsigned()) {
     auto value = value_->get<std::uint64_t>();
     if (value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
@@ -86,14 +95,15 @@ std::int64_t JSONReader::integer() const {
     // A server may write a whole number as 12.0; a fraction or an
     // out-of-range value is refused.
     double value = value_->get<double>();
-    if (std::trunc(value) == value && value >= -9.2233720368547758e18 && value < 9.2233720368547758e18) {
+    if (std::trunc(value) == value && value >= -9.2233720368547758e18 &&
+        value < 9.2233720368547758e18) {
       return static_cast<std::int64_t>(value);
     }
   } else {
     failType("an integer");
   }
-  fail(DecodingError::Kind::dataCorrupted,
-       "The number " + value_->dump() + " for \"" + codingPath() + "\" does not fit a 64-bit integer.");
+  fail(DecodingError::Kind::dataCorrupted, "The number " + value_->dump() + " for \"" +
+                                               codingPath() + "\" does not fit a 64-bit integer.");
 }
 
 Timestamp JSONReader::date() const {
@@ -112,6 +122,8 @@ std::size_t JSONReader::arraySize() const {
   return value_->size();
 }
 
-JSONReader JSONReader::element(std::size_t index) const { return JSONReader((*value_)[index], this, {}, index); }
+JSONReader JSONReader::element(std::size_t index) const {
+  return JSONReader((*value_)[index], this, {}, index);
+}
 
 }  // namespace synckit

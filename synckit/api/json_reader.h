@@ -1,12 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "synckit/base/error.h"
 #include "synckit/base/timestamp.h"
@@ -39,7 +38,8 @@ class JSONReader {
 
   // Decodes every element of an array with `decodeElement(JSONReader)`.
   template <class F>
-  auto array(F&& decodeElement) const -> std::vector<decltype(decodeElement(std::declval<JSONReader>()))> {
+  auto array(F&& decodeElement) const
+      -> std::vector<decltype(decodeElement(std::declval<JSONReader>()))> {
     std::vector<decltype(decodeElement(std::declval<JSONReader>()))> out;
     std::size_t count = arraySize();
     out.reserve(count);
@@ -53,7 +53,8 @@ class JSONReader {
   [[noreturn]] void fail(DecodingError::Kind kind, std::string description) const;
 
  private:
-  JSONReader(const nlohmann::json& value, const JSONReader* parent, std::string_view key, std::size_t index)
+  JSONReader(const nlohmann::json& value, const JSONReader* parent, std::string_view key,
+             std::size_t index)
       : value_(&value), parent_(parent), key_(key), index_(index) {}
 
   std::size_t arraySize() const;
@@ -69,13 +70,19 @@ class JSONReader {
 // Parses `text` and hands its top level to `read`. Every failure, the
 // parser's included, comes out as a DecodingError.
 template <class F>
-auto readJSONDocument(std::string_view text, F&& read) -> decltype(read(std::declval<const JSONReader&>())) {
+auto readJSONDocument(std::string_view text, F&& read)
+    -> decltype(read(std::declval<const JSONReader&>())) {
   nlohmann::json document;
   try {
     document = nlohmann::json::parse(text.begin(), text.end());
   } catch (const nlohmann::json::parse_error& error) {
     throw DecodingError(DecodingError::Kind::dataCorrupted,
                         "The data is not valid JSON (at byte " + std::to_string(error.byte) + ").");
+  } catch (const nlohmann::json::exception&) {
+    // The parser reports a number too large for a double as out of range
+    // rather than as a syntax error, wherever it stands in the document.
+    throw DecodingError(DecodingError::Kind::dataCorrupted,
+                        "The data is not valid JSON (a number is out of range).");
   }
   try {
     return read(JSONReader(document));

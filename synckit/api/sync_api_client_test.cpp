@@ -15,7 +15,8 @@ namespace {
 using testing::FakeHTTPTransport;
 
 const Uuid brainId = *Uuid::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
-const std::string brainPath = "https://sync.example/v1/api/sync/brains/e621e1f8-c36c-495a-93fc-0c247a3e6e5f";
+const std::string brainPath =
+    "https://sync.example/v1/api/sync/brains/e621e1f8-c36c-495a-93fc-0c247a3e6e5f";
 constexpr const char* writeResultJSON = R"({"node":{"nodeId":"n1","path":"a.md"},"cursor":"c7"})";
 
 class CountingTokens : public TokenProviding {
@@ -55,9 +56,10 @@ HTTPHeaders jsonHeaders(bool withBody) {
 
 TEST_F(SyncAPIClientTest, EachEndpointSendsItsMethodURLHeadersAndBody) {
   Device device;
-  auto request = requestOf(FakeHTTPTransport::json(201, R"({"device":{"id":"d1","name":"Box","platform":"linux",
+  auto request = requestOf(
+      FakeHTTPTransport::json(201, R"({"device":{"id":"d1","name":"Box","platform":"linux",
                               "createdAt":"2025-03-01T09:30:12.345Z"}})"),
-                           [&] { device = client.registerDevice("Box", "linux"); });
+      [&] { device = client.registerDevice("Box", "linux"); });
   EXPECT_EQ(device.id, "d1");
   EXPECT_EQ(request.method, "POST");
   EXPECT_EQ(request.url, "https://sync.example/v1/api/sync/devices");
@@ -66,21 +68,24 @@ TEST_F(SyncAPIClientTest, EachEndpointSendsItsMethodURLHeadersAndBody) {
   EXPECT_EQ(request.timeout, std::chrono::seconds(60));
 
   std::vector<Device> devices;
-  request = requestOf(FakeHTTPTransport::json(200, R"({"devices":[]})"), [&] { devices = client.listDevices(); });
+  request = requestOf(FakeHTTPTransport::json(200, R"({"devices":[]})"),
+                      [&] { devices = client.listDevices(); });
   EXPECT_EQ(request.method, "GET");
   EXPECT_EQ(request.url, "https://sync.example/v1/api/sync/devices");
   EXPECT_EQ(request.headers, jsonHeaders(false));
   EXPECT_TRUE(request.body.empty());
 
   std::vector<Brain> brains;
-  request = requestOf(FakeHTTPTransport::json(200, R"({"brains":[{"id":"B","teamId":"t","name":"n","slug":"s"}]})"),
-                      [&] { brains = client.listBrains(); });
+  request = requestOf(
+      FakeHTTPTransport::json(200, R"({"brains":[{"id":"B","teamId":"t","name":"n","slug":"s"}]})"),
+      [&] { brains = client.listBrains(); });
   EXPECT_EQ(request.url, "https://sync.example/v1/api/sync/brains");
   EXPECT_EQ(brains, (std::vector<Brain>{{"B", "t", "n", "s", std::nullopt}}));
 
   WriteResult written;
-  request = requestOf(FakeHTTPTransport::json(200, writeResultJSON),
-                      [&] { written = client.putText(brainId, "dev", "notes/a b.md", std::nullopt, "hi"); });
+  request = requestOf(FakeHTTPTransport::json(200, writeResultJSON), [&] {
+    written = client.putText(brainId, "dev", "notes/a b.md", std::nullopt, "hi");
+  });
   EXPECT_EQ(written, (WriteResult{{"n1", "a.md"}, "c7"}));
   EXPECT_EQ(request.method, "PUT");
   EXPECT_EQ(request.url, brainPath + "/file");
@@ -91,9 +96,11 @@ TEST_F(SyncAPIClientTest, EachEndpointSendsItsMethodURLHeadersAndBody) {
                       [&] { client.putBlobFile(brainId, "dev", "x.png", "X", "abc", 5); });
   EXPECT_EQ(request.method, "PUT");
   EXPECT_EQ(request.url, brainPath + "/file");
-  EXPECT_EQ(toString(request.body), R"({"blobHash":"abc","blobSize":5,"deviceId":"dev","path":"x.png","title":"X"})");
+  EXPECT_EQ(toString(request.body),
+            R"({"blobHash":"abc","blobSize":5,"deviceId":"dev","path":"x.png","title":"X"})");
 
-  request = requestOf(FakeHTTPTransport::json(200, writeResultJSON), [&] { client.move(brainId, "dev", "a", "b"); });
+  request = requestOf(FakeHTTPTransport::json(200, writeResultJSON),
+                      [&] { client.move(brainId, "dev", "a", "b"); });
   EXPECT_EQ(request.method, "POST");
   EXPECT_EQ(request.url, brainPath + "/move");
   EXPECT_EQ(request.headers, jsonHeaders(true));
@@ -128,8 +135,9 @@ TEST_F(SyncAPIClientTest, FetchChangesSendsTheCursorOnlyWhenGivenAndFirst) {
   EXPECT_EQ(request.headers, jsonHeaders(false));
 
   ChangesResponse page = ChangesResponse::Reset{};
-  request = requestOf(FakeHTTPTransport::json(200, R"({"reset":false,"cursor":"c/2","entries":[]})"),
-                      [&] { page = client.fetchChanges(brainId, "c/1#", "dev"); });
+  request =
+      requestOf(FakeHTTPTransport::json(200, R"({"reset":false,"cursor":"c/2","entries":[]})"),
+                [&] { page = client.fetchChanges(brainId, "c/1#", "dev"); });
   EXPECT_EQ(request.url, brainPath + "/changes?cursor=c%2F1%23&deviceId=dev");
   EXPECT_EQ(page.kind(), ChangesResponse::Kind::incremental);
   EXPECT_EQ(page.cursor(), "c/2");
@@ -140,22 +148,26 @@ TEST_F(SyncAPIClientTest, FetchChangesSendsTheCursorOnlyWhenGivenAndFirst) {
 }
 
 TEST_F(SyncAPIClientTest, ReadFileDispatchesOnContentType) {
-  auto request = requestOf(HTTPResponse{200, {{"content-type", "Application/JSON; charset=utf-8"}},
-                                        toBytes(R"({"path":"a.md","at":"v1","content":"h\u00e9llo"})")},
-                           [&] {
-                             EXPECT_EQ(client.readFile(brainId, "dir/a?.md", "v 1"),
-                                       DownloadedFile::text("h\xC3\xA9llo"));
-                           });
+  auto request =
+      requestOf(HTTPResponse{200,
+                             {{"content-type", "Application/JSON; charset=utf-8"}},
+                             toBytes(R"({"path":"a.md","at":"v1","content":"h\u00e9llo"})")},
+                [&] {
+                  EXPECT_EQ(client.readFile(brainId, "dir/a?.md", "v 1"),
+                            DownloadedFile::text("h\xC3\xA9llo"));
+                });
   EXPECT_EQ(request.method, "GET");
   EXPECT_EQ(request.url, brainPath + "/file?path=dir%2Fa%3F.md&at=v%201");
   EXPECT_EQ(request.header("Accept"), "application/json, application/octet-stream");
   EXPECT_EQ(request.header("Content-Type"), std::nullopt);
 
-  transport.enqueue(HTTPResponse{200, {{"Content-Type", "application/octet-stream"}}, Bytes{0, 0xFE}});
+  transport.enqueue(
+      HTTPResponse{200, {{"Content-Type", "application/octet-stream"}}, Bytes{0, 0xFE}});
   EXPECT_EQ(client.readFile(brainId, "x.bin", "v"), DownloadedFile::blob(Bytes{0, 0xFE}));
 
   // The envelope's "at" is required even though only the content is used.
-  transport.enqueue(HTTPResponse{200, {{"Content-Type", "application/json"}}, toBytes(R"({"path":"a","content":"x"})")});
+  transport.enqueue(HTTPResponse{
+      200, {{"Content-Type", "application/json"}}, toBytes(R"({"path":"a","content":"x"})")});
   EXPECT_THROW(client.readFile(brainId, "a", "v"), DecodingError);
 
   transport.enqueue(HTTPResponse{200, {{"Content-Type", "text/plain"}}, toBytes("hello")});
@@ -195,7 +207,8 @@ TEST_F(SyncAPIClientTest, StatusOutside2xxBecomesAnAPIError) {
     }
   }
 
-  transport.enqueue(FakeHTTPTransport::json(404, R"({"error":{"code":"NOT_FOUND","message":"x"}})"));
+  transport.enqueue(
+      FakeHTTPTransport::json(404, R"({"error":{"code":"NOT_FOUND","message":"x"}})"));
   try {
     client.move(brainId, "dev", "a", "b");
     ADD_FAILURE() << "no error";
@@ -209,12 +222,18 @@ TEST_F(SyncAPIClientTest, StatusOutside2xxBecomesAnAPIError) {
 
 TEST(SyncAPIErrorTest, MakeAPIErrorFallsBackToTheBodyText) {
   EXPECT_EQ(SyncAPIClient::makeAPIError(500, {}), SyncAPIError(500, "unknown", "HTTP 500"));
-  EXPECT_EQ(SyncAPIClient::makeAPIError(500, toBytes("oops")), SyncAPIError(500, "unknown", "HTTP 500: oops"));
+  EXPECT_EQ(SyncAPIClient::makeAPIError(500, toBytes("oops")),
+            SyncAPIError(500, "unknown", "HTTP 500: oops"));
+  EXPECT_EQ(SyncAPIClient::makeAPIError(500, toBytes(R"({"n":1e310})")),
+            SyncAPIError(500, "unknown", R"(HTTP 500: {"n":1e310})"));
   EXPECT_EQ(SyncAPIClient::makeAPIError(502, toBytes(R"({"error":"bad gateway"})")),
             SyncAPIError(502, "unknown", R"(HTTP 502: {"error":"bad gateway"})"));
   EXPECT_EQ(SyncAPIClient::makeAPIError(500, Bytes{'a', 0xFF, 'b'}),
-            SyncAPIError(500, "unknown", "HTTP 500: a\xEF\xBF\xBD" "b"));
-  auto conflict = SyncAPIClient::makeAPIError(409, toBytes(R"({"error":{"code":"CONFLICT","message":"m"},"x":1})"));
+            SyncAPIError(500, "unknown",
+                         "HTTP 500: a\xEF\xBF\xBD"
+                         "b"));
+  auto conflict = SyncAPIClient::makeAPIError(
+      409, toBytes(R"({"error":{"code":"CONFLICT","message":"m"},"x":1})"));
   EXPECT_TRUE(conflict.isConflict());
   EXPECT_TRUE(SyncAPIError(403, "FORBIDDEN_SUBTREE", "").isForbiddenSubtree());
   EXPECT_FALSE(SyncAPIError(403, "forbidden", "").isForbidden());

@@ -1,9 +1,8 @@
 #include "synckit/api/sync_json.h"
 
 #include <map>
-#include <type_traits>
-
 #include <nlohmann/json.hpp>
+#include <type_traits>
 
 #include "synckit/api/encoding_error.h"
 #include "synckit/api/json_reader.h"
@@ -37,7 +36,8 @@ NodeKind readNodeKind(const JSONReader& reader) {
 AuthorKind readAuthorKind(const JSONReader& reader) {
   auto text = reader.string();
   auto kind = parseAuthorKind(text);
-  if (!kind) reader.fail(DecodingError::Kind::dataCorrupted, "Unknown author kind \"" + text + "\"");
+  if (!kind)
+    reader.fail(DecodingError::Kind::dataCorrupted, "Unknown author kind \"" + text + "\"");
   return *kind;
 }
 
@@ -47,7 +47,21 @@ std::optional<std::string> optionalString(const JSONReader& reader, std::string_
   return member->string();
 }
 
-std::string requiredString(const JSONReader& reader, std::string_view key) { return reader.member(key).string(); }
+std::string requiredString(const JSONReader& reader, std::string_view key) {
+  return reader.member(key).string();
+}
+
+// A node id becomes part of the node's item identifier, whose text form
+// cannot hold an empty one; such a node could never be named again.
+std::string requiredNodeId(const JSONReader& reader) {
+  auto member = reader.member("nodeId");
+  std::string nodeId = member.string();
+  if (nodeId.empty()) {
+    member.fail(DecodingError::Kind::dataCorrupted,
+                "Empty node id for \"" + member.codingPath() + "\".");
+  }
+  return nodeId;
+}
 
 Brain read(const JSONReader& r, Tag<Brain>) {
   return Brain{requiredString(r, "id"), requiredString(r, "teamId"), requiredString(r, "name"),
@@ -62,7 +76,8 @@ Device read(const JSONReader& r, Tag<Device>) {
 }
 
 Author read(const JSONReader& r, Tag<Author>) {
-  return Author{readAuthorKind(r.member("kind")), requiredString(r, "memberId"), optionalString(r, "harness")};
+  return Author{readAuthorKind(r.member("kind")), requiredString(r, "memberId"),
+                optionalString(r, "harness")};
 }
 
 Op read(const JSONReader& r, Tag<Op>) {
@@ -70,7 +85,8 @@ Op read(const JSONReader& r, Tag<Op>) {
   auto kindText = kindReader.string();
   auto path = requiredString(r, "path");
   auto kind = parseOpKind(kindText);
-  if (!kind) kindReader.fail(DecodingError::Kind::dataCorrupted, "Unknown op kind \"" + kindText + "\"");
+  if (!kind)
+    kindReader.fail(DecodingError::Kind::dataCorrupted, "Unknown op kind \"" + kindText + "\"");
 
   auto optionalNodeKind = [&]() -> std::optional<NodeKind> {
     auto member = r.optionalMember("nodeKind");
@@ -87,21 +103,25 @@ Op read(const JSONReader& r, Tag<Op>) {
       return Op::Update{std::move(path), optionalString(r, "title"), std::move(tags),
                         r.member("bodyChanged").boolean(), optionalNodeKind()};
     }
-    case Op::Kind::move: return Op::Move{std::move(path), requiredString(r, "newPath")};
-    case Op::Kind::mkdir: return Op::Mkdir{std::move(path), requiredString(r, "title")};
-    case Op::Kind::delete_: return Op::Delete{std::move(path)};
+    case Op::Kind::move:
+      return Op::Move{std::move(path), requiredString(r, "newPath")};
+    case Op::Kind::mkdir:
+      return Op::Mkdir{std::move(path), requiredString(r, "title")};
+    case Op::Kind::delete_:
+      return Op::Delete{std::move(path)};
   }
   kindReader.fail(DecodingError::Kind::dataCorrupted, "Unknown op kind \"" + kindText + "\"");
 }
 
 FeedEntry read(const JSONReader& r, Tag<FeedEntry>) {
-  return FeedEntry{requiredString(r, "cursor"), r.member("at").date(), read(r.member("author"), Tag<Author>{}),
+  return FeedEntry{requiredString(r, "cursor"), r.member("at").date(),
+                   read(r.member("author"), Tag<Author>{}),
                    r.member("ops").array([](const JSONReader& op) { return read(op, Tag<Op>{}); })};
 }
 
 SnapshotNode read(const JSONReader& r, Tag<SnapshotNode>) {
   SnapshotNode node;
-  node.nodeId = requiredString(r, "nodeId");
+  node.nodeId = requiredNodeId(r);
   node.path = requiredString(r, "path");
   node.title = requiredString(r, "title");
   node.isDirectory = r.member("isDirectory").boolean();
@@ -116,17 +136,19 @@ ChangesResponse read(const JSONReader& r, Tag<ChangesResponse>) {
   bool reset = r.member("reset").boolean();
   auto cursor = optionalString(r, "cursor");
   if (reset) {
-    return ChangesResponse::Reset{
-        r.member("snapshot").array([](const JSONReader& node) { return read(node, Tag<SnapshotNode>{}); }),
-        std::move(cursor)};
+    return ChangesResponse::Reset{r.member("snapshot").array([](const JSONReader& node) {
+                                    return read(node, Tag<SnapshotNode>{});
+                                  }),
+                                  std::move(cursor)};
   }
-  return ChangesResponse::Incremental{
-      r.member("entries").array([](const JSONReader& entry) { return read(entry, Tag<FeedEntry>{}); }),
-      std::move(cursor)};
+  return ChangesResponse::Incremental{r.member("entries").array([](const JSONReader& entry) {
+                                        return read(entry, Tag<FeedEntry>{});
+                                      }),
+                                      std::move(cursor)};
 }
 
 NodeRef read(const JSONReader& r, Tag<NodeRef>) {
-  return NodeRef{requiredString(r, "nodeId"), requiredString(r, "path")};
+  return NodeRef{requiredNodeId(r), requiredString(r, "path")};
 }
 
 WriteResult read(const JSONReader& r, Tag<WriteResult>) {
@@ -142,11 +164,13 @@ BlobReceipt read(const JSONReader& r, Tag<BlobReceipt>) {
 }
 
 BrainsEnvelope read(const JSONReader& r, Tag<BrainsEnvelope>) {
-  return BrainsEnvelope{r.member("brains").array([](const JSONReader& b) { return read(b, Tag<Brain>{}); })};
+  return BrainsEnvelope{
+      r.member("brains").array([](const JSONReader& b) { return read(b, Tag<Brain>{}); })};
 }
 
 DevicesEnvelope read(const JSONReader& r, Tag<DevicesEnvelope>) {
-  return DevicesEnvelope{r.member("devices").array([](const JSONReader& d) { return read(d, Tag<Device>{}); })};
+  return DevicesEnvelope{
+      r.member("devices").array([](const JSONReader& d) { return read(d, Tag<Device>{}); })};
 }
 
 DeviceEnvelope read(const JSONReader& r, Tag<DeviceEnvelope>) {
@@ -154,7 +178,8 @@ DeviceEnvelope read(const JSONReader& r, Tag<DeviceEnvelope>) {
 }
 
 TextFileEnvelope read(const JSONReader& r, Tag<TextFileEnvelope>) {
-  return TextFileEnvelope{requiredString(r, "path"), requiredString(r, "at"), requiredString(r, "content")};
+  return TextFileEnvelope{requiredString(r, "path"), requiredString(r, "at"),
+                          requiredString(r, "content")};
 }
 
 SyncAPIError::Envelope read(const JSONReader& r, Tag<SyncAPIError::Envelope>) {
@@ -169,7 +194,8 @@ void putOptional(json& object, const char* key, const std::optional<std::string>
 }
 
 json write(const Brain& brain) {
-  json object{{"id", brain.id}, {"teamId", brain.teamId}, {"name", brain.name}, {"slug", brain.slug}};
+  json object{
+      {"id", brain.id}, {"teamId", brain.teamId}, {"name", brain.name}, {"slug", brain.slug}};
   putOptional(object, "headCursor", brain.headCursor);
   return object;
 }
@@ -232,7 +258,9 @@ json write(const SnapshotNode& node) {
 
 json write(const NodeRef& ref) { return json{{"nodeId", ref.nodeId}, {"path", ref.path}}; }
 
-json write(const WriteResult& result) { return json{{"node", write(result.node)}, {"cursor", result.cursor}}; }
+json write(const WriteResult& result) {
+  return json{{"node", write(result.node)}, {"cursor", result.cursor}};
+}
 
 json write(const DeleteResult& result) {
   json object{{"deleted", result.deleted}};
@@ -240,9 +268,13 @@ json write(const DeleteResult& result) {
   return object;
 }
 
-json write(const BlobReceipt& receipt) { return json{{"hash", receipt.hash}, {"size", receipt.size}}; }
+json write(const BlobReceipt& receipt) {
+  return json{{"hash", receipt.hash}, {"size", receipt.size}};
+}
 
-json write(const RegisterDeviceBody& body) { return json{{"name", body.name}, {"platform", body.platform}}; }
+json write(const RegisterDeviceBody& body) {
+  return json{{"name", body.name}, {"platform", body.platform}};
+}
 
 json write(const PutTextBody& body) {
   json object{{"deviceId", body.deviceId}, {"path", body.path}, {"body", body.body}};
@@ -263,7 +295,9 @@ json write(const MoveBody& body) {
   return json{{"deviceId", body.deviceId}, {"fromPath", body.fromPath}, {"toPath", body.toPath}};
 }
 
-json write(const DeleteBody& body) { return json{{"deviceId", body.deviceId}, {"path", body.path}}; }
+json write(const DeleteBody& body) {
+  return json{{"deviceId", body.deviceId}, {"path", body.path}};
+}
 
 }  // namespace
 
@@ -279,7 +313,8 @@ std::string encode(const T& value) {
   try {
     return write(value).dump();
   } catch (const json::exception&) {
-    throw EncodingError("The value could not be written as JSON because it contains text that is not valid UTF-8.");
+    throw EncodingError(
+        "The value could not be written as JSON because it contains text that is not valid UTF-8.");
   }
 }
 

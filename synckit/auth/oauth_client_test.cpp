@@ -206,6 +206,8 @@ TEST(OAuthClientTest, NonSuccessAnswersBecomeOAuthErrors) {
   EXPECT_EQ(failure(FakeHTTPTransport::json(503, R"({"message":"down"})")),
             OAuthError(503, "unknown", R"({"message":"down"})"));
   EXPECT_EQ(failure(HTTPResponse{502, {}, {}}).description(), "OAuth error 502 unknown");
+  EXPECT_EQ(failure(FakeHTTPTransport::json(400, R"({"error":"invalid_grant","n":1e310})")),
+            OAuthError(400, "unknown", R"({"error":"invalid_grant","n":1e310})"));
   EXPECT_EQ(failure(HTTPResponse{500, {}, Bytes{'o', 0xFF, 'k', 0xE2, 0x82}}).errorDescription(),
             "o\xEF\xBF\xBDk\xEF\xBF\xBD");
   // 3xx is not success either.
@@ -222,12 +224,14 @@ TEST(OAuthClientTest, TokenAnswersMustCarryTheRequiredMembers) {
   transport.enqueue(FakeHTTPTransport::json(
       200, R"({"access_token":"a","token_type":"Bearer","expires_in":"60","scope":"s"})"));
   transport.enqueue(FakeHTTPTransport::json(200, "not json"));
+  transport.enqueue(FakeHTTPTransport::json(
+      200, R"({"access_token":"a","token_type":"Bearer","expires_in":60,"scope":"s","n":1e999})"));
   OAuthClient client("https://sync.example.test", transport);
 
   EXPECT_EQ(client.refresh(metadata, "r", "c"),
             (OAuthTokenResponse{"a", "Bearer", 60, "r", "readwrite"}));
   for (auto kind : {DecodingError::Kind::keyNotFound, DecodingError::Kind::typeMismatch,
-                    DecodingError::Kind::dataCorrupted}) {
+                    DecodingError::Kind::dataCorrupted, DecodingError::Kind::dataCorrupted}) {
     EXPECT_EQ(thrownBy<DecodingError>([&] { client.refresh(metadata, "r", "c"); }).kind(), kind);
   }
 }

@@ -90,7 +90,9 @@ std::optional<Timestamp> Timestamp::parse(std::string_view text) {
 
   std::int64_t dayCount = sys_days(date).time_since_epoch().count();
   std::int64_t secondsOfDay = hour * 3600 + minute * 60 + second - offsetMinutes * 60;
-  return fromMilliseconds((dayCount * 86400 + secondsOfDay) * 1000 + millis);
+  std::int64_t milliseconds = (dayCount * 86400 + secondsOfDay) * 1000 + millis;
+  if (milliseconds < minMilliseconds || milliseconds > maxMilliseconds) return std::nullopt;
+  return fromMilliseconds(milliseconds);
 }
 
 std::string Timestamp::toString() const {

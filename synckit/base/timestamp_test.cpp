@@ -25,6 +25,22 @@ TEST(TimestampTest, ParsesFractionalSecondsWithZuluOrOffset) {
   }
 }
 
+TEST(TimestampTest, HoldsOnlyTheYearsItsTextCanWrite) {
+  auto first = Timestamp::parse("0000-01-01T00:00:00.000Z");
+  auto last = Timestamp::parse("9999-12-31T23:59:59.999Z");
+  ASSERT_TRUE(first && last);
+  EXPECT_EQ(first->toString(), "0000-01-01T00:00:00.000Z");
+  EXPECT_EQ(last->toString(), "9999-12-31T23:59:59.999Z");
+  // In range as written, outside once the offset moves them to UTC.
+  for (const char* text : {"0000-01-01T00:30:00.000+01:00", "9999-12-31T23:59:59.999-00:01",
+                           "9999-12-31T23:59:60.000Z"}) {
+    EXPECT_FALSE(Timestamp::parse(text)) << text;
+  }
+  EXPECT_EQ(Timestamp::fromMilliseconds(INT64_MIN), *first);
+  EXPECT_EQ(Timestamp::fromMilliseconds(INT64_MAX), *last);
+  EXPECT_EQ(Timestamp::fromMilliseconds(INT64_MIN).toString(), "0000-01-01T00:00:00.000Z");
+}
+
 TEST(TimestampTest, RefusesOtherForms) {
   for (const char* text :
        {"2025-03-01T09:30:12Z", "2025-03-01T09:30:12.Z", "2025-03-01 09:30:12.345Z",

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "synckit/base/error.h"
 
@@ -51,6 +52,21 @@ void writeAll(int fd, std::span<const std::uint8_t> data) {
   }
 }
 
+Bytes readAll(int fd) {
+  Bytes content;
+  std::uint8_t buffer[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throwErrno();
+    }
+    if (n == 0) break;
+    content.insert(content.end(), buffer, buffer + n);
+  }
+  return content;
+}
+
 }  // namespace
 
 void write(const std::filesystem::path& file, std::span<const std::uint8_t> data, mode_t mode) {
@@ -78,18 +94,22 @@ std::optional<Bytes> read(const std::filesystem::path& file) {
     if (errno == ENOENT) return std::nullopt;
     throwErrno();
   }
-  Bytes content;
-  std::uint8_t buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throwErrno();
-    }
-    if (n == 0) break;
-    content.insert(content.end(), buffer, buffer + n);
+  return readAll(fd.get());
+}
+
+std::optional<Bytes> readPrivate(const std::filesystem::path& file) {
+  // O_NONBLOCK keeps a FIFO planted in the file's place from blocking the open.
+  FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (fd.get() < 0) {
+    if (errno == ENOENT) return std::nullopt;
+    throwErrno();
   }
-  return content;
+  struct stat status;
+  if (::fstat(fd.get(), &status) != 0) throwErrno();
+  if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || (status.st_mode & 077) != 0) {
+    throw PosixError(EPERM);
+  }
+  return readAll(fd.get());
 }
 
 bool remove(const std::filesystem::path& file) {
@@ -98,11 +118,19 @@ bool remove(const std::filesystem::path& file) {
   throwErrno();
 }
 
-void createDirectories(const std::filesystem::path& directory) {
-  std::error_code error;
-  std::filesystem::create_directories(directory, error);
-  // Both error categories carry errno values on this platform.
-  if (error) throw PosixError(error.value() > 0 ? error.value() : EIO);
+void createDirectories(const std::filesystem::path& directory, mode_t mode) {
+  std::vector<std::filesystem::path> missing;
+  for (auto path = directory; !path.empty(); path = path.parent_path()) {
+    struct stat status;
+    if (::stat(path.c_str(), &status) == 0) break;
+    if (errno != ENOENT) throwErrno();
+    missing.push_back(path);
+    if (path == path.parent_path()) break;
+  }
+  // Outermost first; another process may create one at the same time.
+  for (auto path = missing.rbegin(); path != missing.rend(); ++path) {
+    if (::mkdir(path->c_str(), mode) != 0 && errno != EEXIST) throwErrno();
+  }
 }
 
 }  // namespace synckit::AtomicFile

@@ -24,11 +24,17 @@ void write(const std::filesystem::path& file, std::span<const std::uint8_t> data
 // The whole content of `file`; absent when it does not exist.
 std::optional<Bytes> read(const std::filesystem::path& file);
 
+// Like read, for a file holding secrets: it must be a regular file (not a
+// symbolic link: ELOOP) owned by this process's user, and neither group nor
+// others may have any access to it (otherwise EPERM).
+std::optional<Bytes> readPrivate(const std::filesystem::path& file);
+
 // Deletes `file`; true when it existed.
 bool remove(const std::filesystem::path& file);
 
-// Creates `directory` and any missing parents.
-void createDirectories(const std::filesystem::path& directory);
+// Creates `directory` and any missing parents, each with `mode` less the
+// umask; directories that already exist keep their mode.
+void createDirectories(const std::filesystem::path& directory, mode_t mode = 0777);
 
 }  // namespace AtomicFile
 }  // namespace synckit

@@ -11,7 +11,9 @@ namespace synckit {
 // for desktops where no Secret Service answers. The same contract as
 // KeychainTokenStore: a missing file is "nobody signed in", damaged content
 // throws DecodingError and stays, other failures throw
-// KeychainTokenStoreError with the errno as status. Writes are atomic.
+// KeychainTokenStoreError with the errno as status. Writes are atomic and
+// create missing folders 0700. Load refuses (ELOOP, EPERM) a symbolic link, a
+// file of another user, and a file that group or others may access.
 // Any thread; callers serialise their own use.
 class FileTokenStore : public TokenPersisting {
  public:

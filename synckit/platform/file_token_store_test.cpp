@@ -1,7 +1,10 @@
 #include "synckit/platform/file_token_store.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 
 #include "synckit/base/error.h"
@@ -83,10 +86,49 @@ TEST(FileTokenStoreTest, RoundTripsInAnOwnerOnlyFile) {
   EXPECT_EQ(store.load(), std::nullopt);
 }
 
+TEST(FileTokenStoreTest, CreatesPrivateFoldersAndLoadsOnlyAPrivateFileOfThisUser) {
+  TemporaryDirectory temp;
+  FileTokenStore store(temp / "Library" / "Halvark" / "tokens.json");
+  ::mode_t previous = ::umask(0);
+  store.save(TokenSet{"a", "r"});
+  ::umask(previous);
+  EXPECT_EQ(modeOf(temp / "Library"), std::filesystem::perms::owner_all);
+  EXPECT_EQ(modeOf(temp / "Library" / "Halvark"), std::filesystem::perms::owner_all);
+
+  auto refusal = [&] {
+    try {
+      store.load();
+    } catch (const KeychainTokenStoreError& error) {
+      return error.status();
+    }
+    ADD_FAILURE() << "loaded tokens that are not private";
+    return 0;
+  };
+  std::filesystem::permissions(store.file, std::filesystem::perms::group_read,
+                               std::filesystem::perm_options::add);
+  EXPECT_EQ(refusal(), EPERM);
+  EXPECT_TRUE(std::filesystem::exists(store.file));
+
+  // A link to a well-formed private file elsewhere is still refused.
+  std::filesystem::permissions(store.file, ownerOnly);
+  std::filesystem::rename(store.file, temp / "elsewhere.json");
+  std::filesystem::create_symlink(temp / "elsewhere.json", store.file);
+  EXPECT_EQ(refusal(), ELOOP);
+
+  std::filesystem::remove(store.file);
+  std::filesystem::rename(temp / "elsewhere.json", store.file);
+  EXPECT_EQ(store.load(), (TokenSet{"a", "r"}));
+  if (::geteuid() == 0) {  // only root can hand the file to another user
+    ASSERT_EQ(::chown(store.file.c_str(), 4242, 4242), 0);
+    EXPECT_EQ(refusal(), EPERM);
+  }
+}
+
 TEST(FileTokenStoreTest, DamagedFileFailsToLoadAndStays) {
   TemporaryDirectory temp;
   FileTokenStore store(temp / "tokens.json");
   std::ofstream(store.file) << "{\"accessToken\": \"only\"}";
+  std::filesystem::permissions(store.file, ownerOnly);
   EXPECT_THROW(store.load(), DecodingError);
   EXPECT_TRUE(std::filesystem::exists(store.file));
   store.save(TokenSet{"a", "r"});

@@ -39,6 +39,8 @@ struct SyncItemIdentifier {
 
   static SyncItemIdentifier root() { return {Root{}}; }
   static SyncItemIdentifier brain(const Uuid& brainId) { return {Brain{brainId}}; }
+  // `nodeId` must not be empty: the text form could not be parsed back. The
+  // wire decoders refuse an empty node id, so none reaches the store.
   static SyncItemIdentifier node(const Uuid& brainId, std::string nodeId) {
     return {Node{brainId, std::move(nodeId)}};
   }
