@@ -17,33 +17,38 @@ PendingChange local(std::string path, std::optional<std::string> fromPath = std:
   return change;
 }
 
-bool collides(const Op& op, const PendingChange& change) {
-  return ConflictDetector::remoteChangeCollides(op, change, true);
-}
+Op update(std::string path) { return Op::Update{std::move(path), std::nullopt, {}, true, {}}; }
 
-TEST(ConflictDetectorTest, SubtreeReachOnlyForMovesAndDeletes) {
-  const PendingChange inside = local("a/b.md");
-  EXPECT_TRUE(collides(Op::Delete{"a"}, inside));
-  EXPECT_TRUE(collides(Op::Move{"a", "z"}, inside));
-  EXPECT_TRUE(collides(Op::Move{"z", "a"}, inside));  // a folder moved over it
-  EXPECT_FALSE(collides(Op::Update{"a", "A", {}, true, {}}, inside));
-  EXPECT_FALSE(collides(Op::Create{"a", "a", {}, true, {}}, inside));
-  EXPECT_FALSE(collides(Op::Mkdir{"a", "a"}, inside));
-  // Prefix boundaries: "ab" and "a0" are not inside "a", nor "a" inside "a/b".
-  EXPECT_FALSE(collides(Op::Delete{"a"}, local("ab/c.md")));
-  EXPECT_FALSE(collides(Op::Delete{"a"}, local("a0")));
-  EXPECT_FALSE(collides(Op::Delete{"a/b.md"}, local("a")));
-  EXPECT_FALSE(collides(Op::Delete{"A"}, inside));  // no case folding
-}
-
-TEST(ConflictDetectorTest, ExactPathsIncludingMoveSourcesAndTheBaseRule) {
-  const PendingChange moved = local("y.md", "x.md");
-  EXPECT_TRUE(collides(Op::Update{"x.md", std::nullopt, {}, true, {}}, moved));
-  EXPECT_TRUE(collides(Op::Create{"y.md", "y", {}, false, {}}, moved));
-  EXPECT_TRUE(collides(Op::Move{"q.md", "y.md"}, moved));
-  EXPECT_TRUE(collides(Op::Delete{"x.md"}, moved));
-  EXPECT_FALSE(collides(Op::Update{"X.md", std::nullopt, {}, true, {}}, moved));
-  EXPECT_FALSE(collides(Op::Mkdir{"y.md/z", "z"}, moved));
+TEST(ConflictDetectorTest, OnlyMovesAndDeletesReachIntoSubtreesAndPathsMatchExactly) {
+  const PendingChange inside = local("a/b.md"), moved = local("y.md", "x.md");
+  const struct {
+    Op op;
+    PendingChange change;
+    bool collides;
+  } rows[] = {
+      {Op::Delete{"a"}, inside, true},
+      {Op::Move{"a", "z"}, inside, true},
+      {Op::Move{"z", "a"}, inside, true},  // a folder moved over it
+      {update("a"), inside, false},
+      {Op::Create{"a", "a", {}, true, {}}, inside, false},
+      {Op::Mkdir{"a", "a"}, inside, false},
+      // "ab" and "a0" are not inside "a", nor "a" inside "a/b"; no case folding.
+      {Op::Delete{"a"}, local("ab/c.md"), false},
+      {Op::Delete{"a"}, local("a0"), false},
+      {Op::Delete{"a/b.md"}, local("a"), false},
+      {Op::Delete{"A"}, inside, false},
+      // A move's source counts as much as its destination.
+      {update("x.md"), moved, true},
+      {Op::Create{"y.md", "y", {}, false, {}}, moved, true},
+      {Op::Move{"q.md", "y.md"}, moved, true},
+      {Op::Delete{"x.md"}, moved, true},
+      {update("X.md"), moved, false},
+      {Op::Mkdir{"y.md/z", "z"}, moved, false},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(ConflictDetector::remoteChangeCollides(row.op, row.change, true), row.collides)
+        << row.op.path() << " vs " << row.change.path;
+  }
   EXPECT_FALSE(ConflictDetector::remoteChangeCollides(Op::Delete{"x.md"}, moved, false));
 }
 
@@ -51,11 +56,9 @@ TEST(ConflictDetectorTest, CollidingPendingHonoursBaseCursorsOrderAndDuplicates)
   auto entry = [](std::string cursor, std::vector<Op> ops) {
     return FeedEntry{std::move(cursor), {}, {}, std::move(ops)};
   };
-  const std::vector<FeedEntry> page{
-      entry("c1", {Op::Delete{"a"}}),
-      entry("c2", {Op::Update{"b.md", std::nullopt, {}, true, {}}, Op::Delete{"b.md"}}),
-      entry("c3", {Op::Move{"d", "e"}}),
-  };
+  const std::vector<FeedEntry> page{entry("c1", {Op::Delete{"a"}}),
+                                    entry("c2", {update("b.md"), Op::Delete{"b.md"}}),
+                                    entry("c3", {Op::Move{"d", "e"}})};
   const std::vector<PendingChange> pending{
       local("d/x"),               // hit in c3
       local("a/x", {}, "c1"),     // based on c1: from its entry on, nothing counts
@@ -64,11 +67,8 @@ TEST(ConflictDetectorTest, CollidingPendingHonoursBaseCursorsOrderAndDuplicates)
       local("a/y", {}, "other"),  // a base outside the page: tested against everything
       local("z"),
   };
-  const auto colliding = ConflictResolver::collidingPending(page, pending);
-  ASSERT_EQ(colliding.size(), 3u);
-  EXPECT_EQ(colliding[0], pending[0]);
-  EXPECT_EQ(colliding[1], pending[2]);
-  EXPECT_EQ(colliding[2], pending[4]);
+  EXPECT_EQ(ConflictResolver::collidingPending(page, pending),
+            (std::vector<PendingChange>{pending[0], pending[2], pending[4]}));
 }
 
 }  // namespace

@@ -65,7 +65,6 @@ TEST(ConflictNamerTest, StampFollowsTheGivenZone) {
     const Timestamp winter = *Timestamp::parse("2026-01-01T04:30:00.000Z");  // UTC-5
     EXPECT_EQ(ConflictNamer::dateStamp(summer, TimeZone::current()), "2026-06-30");
     EXPECT_EQ(ConflictNamer::dateStamp(winter, TimeZone::current()), "2025-12-31");
-    EXPECT_EQ(TimeZone::current().offsetAt(summer), -hours(4));
     environment.set("TZ", "UTC0");
     ::tzset();
     EXPECT_EQ(ConflictNamer::dateStamp(winter, TimeZone::current()), "2026-01-01");

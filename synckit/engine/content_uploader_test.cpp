@@ -29,28 +29,23 @@ class ContentUploaderTest : public ::testing::Test {
  protected:
   ContentUploaderTest() {
     transport.setHandler([this](const HTTPRequest& request) {
-      if (request.url == discoveryURL) {
+      if (request.url == discoveryURL)
         return FakeHTTPTransport::json(200, R"({"issuer":"https://auth.example.test",
           "authorization_endpoint":"https://auth.example.test/authorize",
           "token_endpoint":"https://auth.example.test/token",
           "registration_endpoint":"https://auth.example.test/register"})");
-      }
-      if (request.url == tokenURL) {
-        return FakeHTTPTransport::json(
-            200,
-            R"({"access_token":"fresh","token_type":"Bearer","expires_in":60,"refresh_token":"r2","scope":"readwrite"})");
-      }
+      if (request.url == tokenURL)
+        return FakeHTTPTransport::json(200, R"({"access_token":"fresh","token_type":"Bearer",
+          "expires_in":60,"refresh_token":"r2","scope":"readwrite"})");
       if (request.url == rejectOnce) {
         rejectOnce.clear();
         return FakeHTTPTransport::json(401, R"({"error":{"code":"UNAUTHORIZED","message":"no"}})");
       }
-      if (request.url == fileURL) {
+      if (request.url == fileURL)
         return FakeHTTPTransport::json(200,
                                        R"({"node":{"nodeId":"n1","path":"a/b.md"},"cursor":"c7"})");
-      }
-      if (request.url == brainURL + "/blobs?deviceId=dev") {
+      if (request.url == brainURL + "/blobs?deviceId=dev")
         return FakeHTTPTransport::json(200, R"({"hash":"receipt-hash","size":3})");
-      }
       return HTTPResponse{404, {}, {}};
     });
     manager.restoreSession();
@@ -83,30 +78,26 @@ class ContentUploaderTest : public ::testing::Test {
   const WriteResult written{NodeRef{"n1", "a/b.md"}, "c7"};
 };
 
-TEST_F(ContentUploaderTest, TextIsOneWriteOfTheBody) {
-  EXPECT_EQ(send(ContentUploadPlan::Text{"# hello"}),
-            (UploadedContent{written, NodeKind::text, std::nullopt, std::nullopt}));
-  EXPECT_EQ(exchanges(), std::vector<std::string>{"PUT " + fileURL + " Bearer a1"});
-  EXPECT_EQ(bodyOf(0),
-            nlohmann::json::parse(R"({"deviceId":"dev","path":"a/b.md","body":"# hello"})"));
-}
-
 TEST_F(ContentUploaderTest, BlobNamesTheReceiptsHashAndRetriesOnlyTheRejectedRequest) {
   const Bytes data{0x00, 0x01, 0x02};
   rejectOnce = fileURL;
   EXPECT_EQ(send(ContentUploadPlan::Blob{data, "planned-hash", 3}),
             (UploadedContent{written, NodeKind::blob, "receipt-hash", 3}));
-  EXPECT_EQ(exchanges(), (std::vector<std::string>{
-                             "POST " + brainURL + "/blobs?deviceId=dev Bearer a1",
-                             "PUT " + fileURL + " Bearer a1",
-                             "GET " + discoveryURL,
-                             "POST " + tokenURL,
-                             "PUT " + fileURL + " Bearer fresh",
-                         }));
+  EXPECT_EQ(exchanges(),
+            (std::vector<std::string>{"POST " + brainURL + "/blobs?deviceId=dev Bearer a1",
+                                      "PUT " + fileURL + " Bearer a1", "GET " + discoveryURL,
+                                      "POST " + tokenURL, "PUT " + fileURL + " Bearer fresh"}));
   EXPECT_EQ(transport.requests()[0].body, data);
-  EXPECT_EQ(bodyOf(4),
-            nlohmann::json::parse(
-                R"({"deviceId":"dev","path":"a/b.md","blobHash":"receipt-hash","blobSize":3})"));
+  EXPECT_EQ(bodyOf(4), nlohmann::json::parse(R"({"deviceId":"dev","path":"a/b.md",
+                                                 "blobHash":"receipt-hash","blobSize":3})"));
+
+  // Text is one write of the body.
+  EXPECT_EQ(send(ContentUploadPlan::Text{"# hello"}),
+            (UploadedContent{written, NodeKind::text, std::nullopt, std::nullopt}));
+  EXPECT_EQ(exchanges().back(), "PUT " + fileURL + " Bearer fresh");
+  EXPECT_EQ(exchanges().size(), 6u);
+  EXPECT_EQ(bodyOf(5),
+            nlohmann::json::parse(R"({"deviceId":"dev","path":"a/b.md","body":"# hello"})"));
 }
 
 TEST_F(ContentUploaderTest, TooLargeSendsNothingAndServerErrorsPropagate) {

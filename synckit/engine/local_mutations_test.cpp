@@ -7,148 +7,126 @@
 namespace synckit {
 namespace {
 
+using namespace LocalMutations;
+using Strings = std::vector<std::string>;
+constexpr auto none = std::nullopt;
 const Timestamp now = *Timestamp::parse("2025-03-01T09:30:12.345Z");
 
 class LocalMutationsTest : public ::testing::Test {
  protected:
-  MetadataStore& store() { return *test.store; }
-  const Uuid& brain() const { return test.brainId; }
-  NodeRecord at(const std::string& path) { return *store().nodeAtPath(brain(), path); }
   std::int64_t journalEdit(const std::string& path) {
-    return LocalMutations::journalUpsert(store(), brain(), path, std::nullopt, false, now);
+    return journalUpsert(store, t.brainId, path, none, false, now);
   }
 
-  testing::FeedTestStore test;
+  testing::FeedTestStore t;
+  MetadataStore& store = *t.store;
+  const Uuid& brain = t.brainId;
 };
 
 TEST_F(LocalMutationsTest, JournalTakesTheStoredCursorAsBase) {
-  using namespace LocalMutations;
-  const std::int64_t create = journalUpsert(store(), brain(), "a.md", std::nullopt, true, now);
-  const std::int64_t update = journalUpsert(store(), brain(), "b.md", "n2", false, now);
-  store().setCursor(brain(), "c1");
-  const std::int64_t move = journalMove(store(), brain(), "n2", "b.md", "d/b.md", now);
-  store().setCursor(brain(), std::nullopt);
-  const std::int64_t remove = journalDelete(store(), brain(), std::nullopt, "x", now);
+  const std::int64_t create = journalUpsert(store, brain, "a.md", none, true, now);
+  const std::int64_t update = journalUpsert(store, brain, "b.md", "n2", false, now);
+  store.setCursor(brain, "c1");
+  const std::int64_t move = journalMove(store, brain, "n2", "b.md", "d/b.md", now);
+  store.setCursor(brain, none);
+  const std::int64_t remove = journalDelete(store, brain, none, "x", now);
 
   using K = PendingChangeKind;
-  EXPECT_EQ(store().pendingChanges(brain()),
-            (std::vector<PendingChange>{
-                {create, brain(), std::nullopt, K::create, "a.md", std::nullopt, "c0", now},
-                {update, brain(), "n2", K::update, "b.md", std::nullopt, "c0", now},
-                {move, brain(), "n2", K::move, "d/b.md", "b.md", "c1", now},
-                {remove, brain(), std::nullopt, K::delete_, "x", std::nullopt, std::nullopt, now},
-            }));
+  EXPECT_EQ(store.pendingChanges(brain),
+            (std::vector<PendingChange>{{create, brain, none, K::create, "a.md", none, "c0", now},
+                                        {update, brain, "n2", K::update, "b.md", none, "c0", now},
+                                        {move, brain, "n2", K::move, "d/b.md", "b.md", "c1", now},
+                                        {remove, brain, none, K::delete_, "x", none, none, now}}));
 }
 
 TEST_F(LocalMutationsTest, UploadCreatesFoldersAndReplacesWhatSitsAtThePath) {
-  using LocalMutations::applyUpload;
   // A new file below missing folders, as a blob.
   const std::int64_t journal = journalEdit("x/y/new.png");
-  NodeRecord created = applyUpload(store(), brain(), WriteResult{{"s1", "x/y/new.png"}, "c2"},
-                                   NodeKind::blob, "hash", 7, journal, now);
-  EXPECT_EQ(created, (NodeRecord{brain(), "s1", "x/y/new.png", "new", false, NodeKind::blob, "hash",
-                                 7, now, 1, false, std::nullopt}));
-  EXPECT_EQ(store().nodeWithId(brain(), "s1"), created);
-  EXPECT_EQ(at("x/y").nodeId, "dir:x/y");
-  EXPECT_EQ(at("x/y").updatedAt, now);
-  EXPECT_EQ(test.log(), (std::vector<std::string>{"+dir:x", "+dir:x/y", "+s1"}));
-  EXPECT_EQ(store().pendingChange(journal), std::nullopt);
+  EXPECT_EQ(applyUpload(store, brain, WriteResult{{"s1", "x/y/new.png"}, "c2"}, NodeKind::blob,
+                        "hash", 7, journal, now),
+            (NodeRecord{brain, "s1", "x/y/new.png", "new", false, NodeKind::blob, "hash", 7, now, 1,
+                        false, none}));
+  EXPECT_EQ(t.node("x/y").updatedAt, now);
+  EXPECT_EQ(t.log(), (Strings{"+dir:x", "+dir:x/y", "+s1"}));
+  EXPECT_EQ(store.pendingChange(journal), none);
 
-  // Over a file: the stored node keeps its id and title, its content moves on,
-  // and a text upload drops the blob fields and the error.
-  NodeRecord old = test.put("n1", "a.png");
+  // Over a file: the stored node keeps its id and title, its content version
+  // moves on, and a text upload drops the blob fields and the error.
+  NodeRecord old = t.put("n1", "a.png", false, true);
   old.title = "Alpha";
   old.kind = NodeKind::blob;
   old.blobHash = "old";
   old.blobSize = 3;
-  old.localOnly = true;
   old.uploadError = "Not uploaded: nope";
-  store().upsertNode(old);
-  const std::int64_t anchor = store().currentAnchor();
-  NodeRecord updated = applyUpload(store(), brain(), WriteResult{{"s2", "a.png"}, "c3"},
-                                   NodeKind::text, "ignored", 9, std::nullopt, now);
-  EXPECT_EQ(updated, (NodeRecord{brain(), "n1", "a.png", "Alpha", false, NodeKind::text,
-                                 std::nullopt, std::nullopt, now, 2, false, std::nullopt}));
-  EXPECT_EQ(store().nodeWithId(brain(), "n1"), updated);
-  EXPECT_EQ(store().nodeWithId(brain(), "s2"), std::nullopt);
-  EXPECT_EQ(test.log(anchor), std::vector<std::string>{"+n1"});
+  store.upsertNode(old);
+  std::int64_t anchor = store.currentAnchor();
+  const NodeRecord updated{brain, "n1", "a.png", "Alpha", false, NodeKind::text,
+                           none,  none, now,     2,       false, none};
+  EXPECT_EQ(applyUpload(store, brain, WriteResult{{"s2", "a.png"}, "c3"}, NodeKind::text, "ignored",
+                        9, none, now),
+            updated);
+  EXPECT_EQ(store.nodeWithId(brain, "n1"), updated);
+  EXPECT_EQ(t.log(anchor), Strings{"+n1"});
 
   // Over a folder: the folder and everything in it go first.
-  test.put("dir:f", "f", true);
-  test.put("c", "f/c.md");
-  const std::int64_t beforeFolder = store().currentAnchor();
-  applyUpload(store(), brain(), WriteResult{{"s3", "f"}, "c4"}, NodeKind::text, std::nullopt,
-              std::nullopt, std::nullopt, now);
-  EXPECT_EQ(at("f").nodeId, "s3");
-  EXPECT_FALSE(at("f").isDirectory);
-  EXPECT_EQ(store().nodeAtPath(brain(), "f/c.md"), std::nullopt);
-  EXPECT_EQ(test.log(beforeFolder), (std::vector<std::string>{"-dir:f", "-c", "+s3"}));
+  t.put("dir:f", "f", true);
+  t.put("c", "f/c.md");
+  anchor = store.currentAnchor();
+  applyUpload(store, brain, WriteResult{{"s3", "f"}, "c4"}, NodeKind::text, none, none, none, now);
+  EXPECT_FALSE(t.node("f").isDirectory);
+  EXPECT_EQ(t.log(anchor), (Strings{"-dir:f", "-c", "+s3"}));
+  EXPECT_EQ(t.tree(), (Strings{"a.png=n1", "f=s3", "x=dir:x", "x/y=dir:x/y", "x/y/new.png=s1"}));
 }
 
 TEST_F(LocalMutationsTest, LocalItemsReplaceWhatSitsAtThePath) {
-  using namespace LocalMutations;
-  test.put("dir:p", "p", true);
-  test.put("c", "p/c.md");
-  NodeRecord file = applyLocalOnly(store(), brain(), "p", "No write access", now);
-  EXPECT_TRUE(file.nodeId.starts_with("local:"));
+  t.put("dir:p", "p", true);
+  t.put("c", "p/c.md");
+  NodeRecord file = applyLocalOnly(store, brain, "p", "No write access", now);
   EXPECT_EQ(Uuid::parse(file.nodeId.substr(6))->toString(), file.nodeId.substr(6));
-  EXPECT_EQ(file, (NodeRecord{brain(), file.nodeId, "p", "p", false, NodeKind::text, std::nullopt,
-                              std::nullopt, now, 1, true, "No write access"}));
-  EXPECT_EQ(test.paths(), std::vector<std::string>{"p"});
-  EXPECT_EQ(test.log(), (std::vector<std::string>{"-dir:p", "-c", "+" + file.nodeId}));
+  EXPECT_EQ(file, (NodeRecord{brain, "local:" + file.nodeId.substr(6), "p", "p", false,
+                              NodeKind::text, none, none, now, 1, true, "No write access"}));
+  EXPECT_EQ(t.log(), (Strings{"-dir:p", "-c", "+" + file.nodeId}));
 
   // A folder takes the file's place; asking again changes nothing.
-  NodeRecord folder = applyLocalDirectory(store(), brain(), "p", now);
-  EXPECT_EQ(folder, (NodeRecord{brain(), "dir:p", "p", "p", true, NodeKind::text, std::nullopt,
-                                std::nullopt, now, 0, false, std::nullopt}));
-  const auto before = test.state();
-  EXPECT_EQ(applyLocalDirectory(store(), brain(), "p", Timestamp::now()), folder);
-  EXPECT_EQ(test.state(), before);
+  NodeRecord folder = applyLocalDirectory(store, brain, "p", now);
+  EXPECT_EQ(folder, (NodeRecord{brain, "dir:p", "p", "p", true, NodeKind::text, none, none, now, 0,
+                                false, none}));
+  const auto before = t.state();
+  EXPECT_EQ(applyLocalDirectory(store, brain, "p", Timestamp::now()), folder);
+  EXPECT_EQ(t.state(), before);
 
-  NodeRecord nested = applyLocalOnly(store(), brain(), "p/q/r.txt", std::nullopt, now);
-  EXPECT_EQ(nested.title, "r");
-  EXPECT_EQ(nested.uploadError, std::nullopt);
-  EXPECT_EQ(test.paths(), (std::vector<std::string>{"p", "p/q", "p/q/r.txt"}));
+  EXPECT_EQ(applyLocalOnly(store, brain, "p/q/r.txt", none, now).title, "r");
+  EXPECT_EQ(t.paths(), (Strings{"p", "p/q", "p/q/r.txt"}));
 }
 
 TEST_F(LocalMutationsTest, MovesAndDeletesDropTheirJournalEntry) {
-  using namespace LocalMutations;
-  test.put("dir:a", "a", true);
-  test.put("b", "a/b.md");
-  test.put("k", "keep.md");
+  t.put("dir:a", "a", true);
+  t.put("b", "a/b.md");
+  t.put("k", "keep.md");
 
-  const std::int64_t moveJournal = journalEdit("z");
-  EXPECT_TRUE(applyMove(store(), brain(), "a", "z", moveJournal, now));
-  EXPECT_EQ(test.paths(), (std::vector<std::string>{"keep.md", "z", "z/b.md"}));
-  EXPECT_EQ(store().pendingChange(moveJournal), std::nullopt);
-
+  EXPECT_TRUE(applyMove(store, brain, "a", "z", journalEdit("z"), now));
+  EXPECT_EQ(t.paths(), (Strings{"keep.md", "z", "z/b.md"}));
   // An ignored destination takes the item out of what is synced.
-  EXPECT_TRUE(applyMove(store(), brain(), "z", "y/.DS_Store", std::nullopt, now));
-  EXPECT_EQ(test.paths(), std::vector<std::string>{"keep.md"});
-
-  const std::int64_t missing = journalEdit("nothing");
-  EXPECT_FALSE(applyMove(store(), brain(), "nothing", "else", missing, now));
-  EXPECT_EQ(store().pendingChange(missing), std::nullopt);
-
-  const std::int64_t deleteJournal = journalEdit("keep.md");
-  EXPECT_FALSE(applyDelete(store(), brain(), "gone.md", std::nullopt, now));
-  EXPECT_TRUE(applyDelete(store(), brain(), "keep.md", deleteJournal, now));
-  EXPECT_TRUE(test.paths().empty());
-  EXPECT_TRUE(store().pendingChanges(brain()).empty());
+  EXPECT_TRUE(applyMove(store, brain, "z", "y/.DS_Store", none, now));
+  EXPECT_EQ(t.paths(), Strings{"keep.md"});
+  EXPECT_FALSE(applyMove(store, brain, "nothing", "else", journalEdit("nothing"), now));
+  EXPECT_FALSE(applyDelete(store, brain, "gone.md", none, now));
+  EXPECT_TRUE(applyDelete(store, brain, "keep.md", journalEdit("keep.md"), now));
+  EXPECT_TRUE(t.paths().empty());
+  EXPECT_TRUE(store.pendingChanges(brain).empty());
 }
 
 TEST_F(LocalMutationsTest, UploadErrorIsSetClearedAndLogged) {
-  using LocalMutations::markUploadError;
-  test.put("n1", "a.md");
-  markUploadError(store(), brain(), "n1", "Not moved: taken");
-  EXPECT_EQ(at("a.md").uploadError, "Not moved: taken");
-  markUploadError(store(), brain(), "n1", std::nullopt);
-  EXPECT_EQ(at("a.md").uploadError, std::nullopt);
-  EXPECT_EQ(test.log(), (std::vector<std::string>{"+n1", "+n1"}));
+  t.put("n1", "a.md");
+  markUploadError(store, brain, "n1", "Not moved: taken");
+  EXPECT_EQ(t.node("a.md").uploadError, "Not moved: taken");
+  markUploadError(store, brain, "n1", none);
+  EXPECT_EQ(t.node("a.md").uploadError, none);
+  EXPECT_EQ(t.log(), (Strings{"+n1", "+n1"}));
 
-  const auto before = test.state();
-  markUploadError(store(), brain(), "unknown", "x");
-  EXPECT_EQ(test.state(), before);
+  const auto before = t.state();
+  markUploadError(store, brain, "unknown", "x");
+  EXPECT_EQ(t.state(), before);
 }
 
 }  // namespace

@@ -13,9 +13,7 @@ TEST(NodeContentSnapshotTest, LocalOnlyNodesNeedTheirSpooledBytes) {
   testing::FeedTestStore test;
   const ConflictSpool spool{test.directory / "spool"};
   NodeRecord synced = test.put("n1", "a.md");
-  NodeRecord local = test.put("local:1", "notes/b.md");
-  local.localOnly = true;
-  test.store->upsertNode(local);
+  const NodeRecord local = test.put("local:1", "notes/b.md", false, true);
 
   EXPECT_EQ(NodeContentSnapshot::read(test.brainId, "gone", *test.store, spool), std::nullopt);
   EXPECT_EQ(NodeContentSnapshot::read(test.brainId, "n1", *test.store, spool),

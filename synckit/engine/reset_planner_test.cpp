@@ -2,22 +2,17 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
+#include "synckit/engine/feed_test_store.h"
 #include "synckit/store/sqlite_error.h"
-#include "synckit/testing/temporary_directory.h"
 
 namespace synckit {
 namespace {
 
-const Uuid kBrain = *Uuid::parse("6A1F3C2E-9B4D-4E8A-A1C3-5D7E9F0B2C4D");
+using Strings = std::vector<std::string>;
 
+// Seconds after the date FeedTestStore::put stamps its nodes with.
 Timestamp at(int seconds) {
-  return Timestamp::fromMilliseconds(1'740'000'000'000 + seconds * 1000);
+  return Timestamp::fromMilliseconds(1'735'689'600'000 + seconds * 1000);
 }
 
 SnapshotNode file(std::string id, std::string path, std::optional<std::string> hash = std::nullopt,
@@ -39,106 +34,70 @@ SnapshotNode folder(std::string id, std::string path, int seconds = 0) {
   return node;
 }
 
-NodeRecord record(const SnapshotNode& node, bool localOnly = false) {
-  NodeRecord r;
-  r.brainId = kBrain;
-  r.nodeId = node.nodeId;
-  r.path = node.path;
-  r.title = node.title;
-  r.isDirectory = node.isDirectory;
-  r.kind = node.kind;
-  r.blobHash = node.blobHash;
-  r.blobSize = node.blobSize;
-  r.updatedAt = node.updatedAt;
-  r.contentVersion = node.isDirectory ? 0 : 1;
-  r.localOnly = localOnly;
-  return r;
-}
-
-SyncItemIdentifier item(std::string nodeId) { return SyncItemIdentifier::node(kBrain, nodeId); }
-
 class ResetPlannerTest : public ::testing::Test {
  protected:
-  void SetUp() override { store->upsertBrain({kBrain, "notes", "Notes", "c0"}); }
-
-  void seed(const std::vector<NodeRecord>& nodes) {
-    store->writeTransaction([&] {
-      for (const NodeRecord& node : nodes) store->upsertNode(node);
-    });
-  }
-
   ResetPlan reset(const std::optional<std::string>& cursor,
                   const std::vector<SnapshotNode>& snapshot) {
-    return store->writeTransaction(
-        [&] { return ResetPlanner::plan(*store, kBrain, cursor, snapshot); });
+    return t.store->writeTransaction(
+        [&] { return ResetPlanner::plan(*t.store, t.brainId, cursor, snapshot); });
+  }
+  SyncItemIdentifier item(std::string nodeId) {
+    return SyncItemIdentifier::node(t.brainId, std::move(nodeId));
+  }
+  DownloadRequest download(std::string id, std::string path, NodeKind kind, std::int64_t version,
+                           std::string cursor) {
+    return {t.brainId, std::move(id), std::move(path), kind, version, std::move(cursor)};
   }
 
-  // path -> node id
-  std::map<std::string, std::string> tree() {
-    std::map<std::string, std::string> paths;
-    for (const NodeRecord& node : store->nodes(kBrain)) paths[node.path] = node.nodeId;
-    return paths;
-  }
-
-  DownloadRequest download(const std::string& id, const std::string& path, NodeKind kind,
-                           std::int64_t version, const std::string& cursor) {
-    return {kBrain, id, path, kind, version, cursor};
-  }
-
-  testing::TemporaryDirectory directory;
-  std::unique_ptr<MetadataStore> store = MetadataStore::open(directory / "sync.sqlite");
+  testing::FeedTestStore t;
 };
 
 TEST_F(ResetPlannerTest, SwapsPathsThroughTemporaryNamesAndLogsBothNodes) {
-  seed({record(file("n1", "a.md")), record(file("n2", "b.md"))});
-  auto anchor = store->currentAnchor();
-  SnapshotNode first = file("n1", "b.md");
-  SnapshotNode second = file("n2", "a.md");
+  t.put("n1", "a.md");
+  t.put("n2", "b.md");
+  const auto anchor = t.store->currentAnchor();
+  SnapshotNode first = file("n1", "b.md"), second = file("n2", "a.md");
   first.title = "a.md";  // the title stays; only the path moves
   second.title = "b.md";
 
-  ResetPlan plan = reset("c1", {first, second});
-
-  EXPECT_TRUE(plan.isEmpty());
-  EXPECT_EQ(tree(), (std::map<std::string, std::string>{{"a.md", "n2"}, {"b.md", "n1"}}));
-  EXPECT_EQ(store->nodeWithId(kBrain, "n1")->contentVersion, 1);
-  auto changes = store->changes(anchor);
-  EXPECT_EQ(changes.changed.size(), 2u);
-  EXPECT_TRUE(changes.deleted.empty());
-  EXPECT_EQ(store->cursor(kBrain), "c1");
+  EXPECT_TRUE(reset("c1", {first, second}).isEmpty());
+  EXPECT_EQ(t.tree(), (Strings{"a.md=n2", "b.md=n1"}));
+  EXPECT_EQ(t.node("b.md").contentVersion, 1);
+  EXPECT_EQ(t.log(anchor), (Strings{"+n1", "+n2"}));
+  EXPECT_EQ(t.store->cursor(t.brainId), "c1");
 }
 
 TEST_F(ResetPlannerTest, WithoutCursorOnlyLocalOnlyNodesStayAndOwnWritesGo) {
-  seed({record(folder("dir:d", "d")), record(file("n1", "a.md", "h")),
-        record(file("local:X", "d/x.md"), true)});
-  store->recordOwnWrite(kBrain, "a.md");
+  t.put("dir:d", "d", true);
+  t.put("n1", "a.md");
+  t.put("local:X", "d/x.md", false, true);
+  t.store->recordOwnWrite(t.brainId, "a.md");
 
   ResetPlan plan = reset(std::nullopt, {file("n7", "new.md")});
 
-  EXPECT_EQ(plan.downloads, std::vector<DownloadRequest>{});
+  EXPECT_TRUE(plan.downloads.empty());
   EXPECT_EQ(plan.deletedIdentifiers, (std::vector<SyncItemIdentifier>{item("n1"), item("dir:d")}));
-  EXPECT_EQ(tree(), (std::map<std::string, std::string>{{"d/x.md", "local:X"}}));
-  EXPECT_EQ(store->changes(0).deleted.size(), 2u);
-  EXPECT_EQ(store->cursor(kBrain), std::nullopt);
-  EXPECT_EQ(store->ownWriteCount(kBrain, "a.md"), 0);
+  EXPECT_EQ(t.tree(), (Strings{"d/x.md=local:X"}));
+  EXPECT_EQ(t.log(), (Strings{"-n1", "-dir:d"}));
+  EXPECT_EQ(t.store->cursor(t.brainId), std::nullopt);
+  EXPECT_EQ(t.store->ownWriteCount(t.brainId, "a.md"), 0);
 }
 
 TEST_F(ResetPlannerTest, StoredNodesOutsideTheSnapshotStayOnlyWhereNothingTakesTheirPath) {
-  seed({record(file("local:A", "draft.md"), true), record(file("local:B", "taken.md"), true),
-        // Folders the feed made, before the server listed them with ids of
-        // its own ("notes") or only implied them ("keep").
-        record(folder("dir:notes", "notes")), record(folder("dir:keep", "keep")),
-        record(folder("dir:old", "old")), record(file("n1", "notes/a.md"))});
+  t.put("local:A", "draft.md", false, true);
+  t.put("local:B", "taken.md", false, true);
+  // Folders the feed made, before the server listed them with ids of its own
+  // ("notes") or only implied them ("keep").
+  t.put("dir:notes", "notes", true);
+  t.put("dir:keep", "keep", true);
+  t.put("dir:old", "old", true);
+  t.put("n1", "notes/a.md");
 
   ResetPlan plan = reset("c1", {file("n9", "taken.md", "h9"), folder("f1", "notes"),
                                 file("n1", "notes/a.md"), file("n2", "keep/b.md")});
 
-  EXPECT_EQ(tree(), (std::map<std::string, std::string>{{"draft.md", "local:A"},
-                                                        {"keep", "dir:keep"},
-                                                        {"keep/b.md", "n2"},
-                                                        {"notes", "f1"},
-                                                        {"notes/a.md", "n1"},
-                                                        {"taken.md", "n9"}}));
+  EXPECT_EQ(t.tree(), (Strings{"draft.md=local:A", "keep=dir:keep", "keep/b.md=n2", "notes=f1",
+                               "notes/a.md=n1", "taken.md=n9"}));
   EXPECT_EQ(plan.deletedIdentifiers,
             (std::vector<SyncItemIdentifier>{item("dir:notes"), item("dir:old"), item("local:B")}));
   EXPECT_EQ(plan.downloads,
@@ -147,83 +106,68 @@ TEST_F(ResetPlannerTest, StoredNodesOutsideTheSnapshotStayOnlyWhereNothingTakesT
 }
 
 TEST_F(ResetPlannerTest, ImpliedFoldersAreMadeAndIgnoredNamesCountForNothing) {
-  seed({record(file("n5", "junk.md"))});
+  t.put("n5", "junk.md");
 
   ResetPlan plan = reset("c1", {file("n1", "a/b/c.md", std::nullopt, 5), file("n2", "z.md", "h", 9),
                                 file("n5", "x/.DS_Store"), file("n6", "a/.gitkeep")});
 
-  EXPECT_EQ(tree(), (std::map<std::string, std::string>{
-                        {"a", "dir:a"}, {"a/b", "dir:a/b"}, {"a/b/c.md", "n1"}, {"z.md", "n2"}}));
-  NodeRecord implied = *store->nodeAtPath(kBrain, "a/b");
-  EXPECT_TRUE(implied.isDirectory);
-  EXPECT_EQ(implied.title, "b");
-  EXPECT_EQ(implied.kind, NodeKind::text);
-  EXPECT_EQ(implied.contentVersion, 0);
-  EXPECT_EQ(implied.updatedAt, at(9));  // the newest in the snapshot
+  EXPECT_EQ(t.tree(), (Strings{"a=dir:a", "a/b=dir:a/b", "a/b/c.md=n1", "z.md=n2"}));
+  // Titled by its name, dated by the newest node in the snapshot.
+  EXPECT_EQ(t.node("a/b"), (NodeRecord{t.brainId, "dir:a/b", "a/b", "b", true, NodeKind::text,
+                                       std::nullopt, std::nullopt, at(9), 0, false, std::nullopt}));
   EXPECT_EQ(plan.deletedIdentifiers, std::vector<SyncItemIdentifier>{item("n5")});
   EXPECT_EQ(plan.downloads,
             (std::vector<DownloadRequest>{download("n1", "a/b/c.md", NodeKind::text, 1, "c1"),
                                           download("n2", "z.md", NodeKind::blob, 1, "c1")}));
 }
 
-TEST_F(ResetPlannerTest, AnIdenticalSnapshotWritesNothing) {
-  std::vector<SnapshotNode> snapshot{folder("f1", "docs", 3), file("n1", "docs/a.md", "h1", 4),
-                                     file("n2", "deep/er/b.md", std::nullopt, 5)};
-  reset("c1", snapshot);
-  auto before = store->nodes(kBrain);
-  auto anchor = store->currentAnchor();
-
-  ResetPlan plan = reset("c2", snapshot);
-
-  EXPECT_TRUE(plan.isEmpty());
-  EXPECT_EQ(store->currentAnchor(), anchor);
-  EXPECT_EQ(store->nodes(kBrain), before);
-  EXPECT_EQ(store->cursor(kBrain), "c2");
-}
-
 TEST_F(ResetPlannerTest, ContentChangesFollowHashAndTimestampButNeverFolders) {
-  reset("c1", {file("hash", "hash.bin", "h1"), file("time", "time.md"), file("title", "title.md"),
-               folder("dir", "dir"), file("gone", "gone.bin", "h1"), file("same", "same.md")});
-  store->recordOwnWrite(kBrain, "time.md");
-  auto anchor = store->currentAnchor();
+  const std::vector<SnapshotNode> first{file("hash", "hash.bin", "h1"), file("time", "time.md"),
+                                        file("title", "title.md"),      folder("dir", "dir"),
+                                        file("gone", "gone.bin", "h1"), file("same", "same.md")};
+  reset("c1", first);
+  t.store->recordOwnWrite(t.brainId, "time.md");
+  const auto before = t.store->nodes(t.brainId);
+  auto anchor = t.store->currentAnchor();
+
+  // The identical snapshot again writes nothing but the cursor.
+  EXPECT_TRUE(reset("c2", first).isEmpty());
+  EXPECT_EQ(t.store->currentAnchor(), anchor);
+  EXPECT_EQ(t.store->nodes(t.brainId), before);
+  EXPECT_EQ(t.store->cursor(t.brainId), "c2");
 
   SnapshotNode retitled = file("title", "title.md");
   retitled.title = "Title";
   ResetPlan plan =
-      reset("c2", {file("hash", "hash.bin", "h2"), file("time", "time.md", {}, 1), retitled,
+      reset("c3", {file("hash", "hash.bin", "h2"), file("time", "time.md", {}, 1), retitled,
                    folder("dir", "dir", 1), file("gone", "gone.bin"), file("same", "same.md")});
 
   EXPECT_EQ(plan.downloads,
-            (std::vector<DownloadRequest>{download("gone", "gone.bin", NodeKind::text, 2, "c2"),
-                                          download("hash", "hash.bin", NodeKind::blob, 2, "c2"),
-                                          download("time", "time.md", NodeKind::text, 2, "c2")}));
+            (std::vector<DownloadRequest>{download("gone", "gone.bin", NodeKind::text, 2, "c3"),
+                                          download("hash", "hash.bin", NodeKind::blob, 2, "c3"),
+                                          download("time", "time.md", NodeKind::text, 2, "c3")}));
   EXPECT_TRUE(plan.deletedIdentifiers.empty());
-  NodeRecord title = *store->nodeWithId(kBrain, "title");
-  EXPECT_EQ(title.title, "Title");
-  EXPECT_EQ(title.contentVersion, 1);
-  NodeRecord dir = *store->nodeWithId(kBrain, "dir");
-  EXPECT_EQ(dir.updatedAt, at(1));
-  EXPECT_EQ(dir.contentVersion, 0);
-  EXPECT_EQ(store->changes(anchor).changed.size(), 5u);  // all but "same"
-  EXPECT_EQ(store->ownWriteCount(kBrain, "time.md"), 0);
+  EXPECT_EQ(t.node("title.md").title, "Title");
+  EXPECT_EQ(t.node("title.md").contentVersion, 1);
+  EXPECT_EQ(t.node("dir").updatedAt, at(1));
+  EXPECT_EQ(t.node("dir").contentVersion, 0);
+  EXPECT_EQ(t.log(anchor).size(), 5u);  // all but "same"
+  EXPECT_EQ(t.store->ownWriteCount(t.brainId, "time.md"), 0);
 }
 
 TEST_F(ResetPlannerTest, AFailurePartWayLeavesTheStoreAsItWasOnceTheCallerRollsBack) {
-  seed({record(file("n1", "a.md")), record(file("n2", "b.md")), record(file("n3", "c.md"))});
-  store->recordOwnWrite(kBrain, "a.md");
-  auto before = store->nodes(kBrain);
-  auto anchor = store->currentAnchor();
+  t.put("n1", "a.md");
+  t.put("n2", "b.md");
+  t.put("n3", "c.md");
+  t.store->recordOwnWrite(t.brainId, "a.md");
+  const auto before = t.state();
 
   // Deletes, the swap and the first insert succeed; the second node at d.md
   // breaks the unique path index.
   EXPECT_THROW(
       reset("c1", {file("n1", "b.md"), file("n2", "a.md"), file("n4", "d.md"), file("n5", "d.md")}),
       SQLiteError);
-
-  EXPECT_EQ(store->nodes(kBrain), before);
-  EXPECT_EQ(store->currentAnchor(), anchor);
-  EXPECT_EQ(store->ownWriteCount(kBrain, "a.md"), 1);
-  EXPECT_EQ(store->cursor(kBrain), "c0");
+  EXPECT_EQ(t.state(), before);
 }
 
 }  // namespace

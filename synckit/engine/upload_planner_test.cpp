@@ -9,8 +9,7 @@ namespace {
 
 const Uuid notes = *Uuid::parse("11111111-1111-4111-8111-111111111111");
 const Uuid work = *Uuid::parse("22222222-2222-4222-8222-222222222222");
-
-CreatePlan::Rejected refused(UploadPlanError error) { return {std::move(error)}; }
+const auto root = SyncItemIdentifier::root();
 
 NodeRecord nodeAt(std::string path, bool localOnly = false) {
   NodeRecord record;
@@ -19,10 +18,6 @@ NodeRecord nodeAt(std::string path, bool localOnly = false) {
   record.path = std::move(path);
   record.localOnly = localOnly;
   return record;
-}
-
-BrainRecord brain(const char* id, std::string slug, std::string name) {
-  return BrainRecord{*Uuid::parse(id), std::move(slug), std::move(name), std::nullopt};
 }
 
 TEST(UploadPlanErrorTest, DescriptionsAreTheUserFacingTexts) {
@@ -38,121 +33,112 @@ TEST(UploadPlanErrorTest, DescriptionsAreTheUserFacingTexts) {
   EXPECT_EQ(UploadPlanError::moveIntoSelf().description(), "A folder can't be moved into itself.");
   EXPECT_EQ(UploadPlanner::crossBrainMessage,
             "Moving items between brains isn't supported. Copy the item instead.");
-  EXPECT_NE(UploadPlanError::invalidPath("a"), UploadPlanError::junkDestination("a"));
-  EXPECT_NE(UploadPlanError::tooLarge(1), UploadPlanError::tooLarge(2));
 }
 
 TEST(UploadPlannerTest, CreateResolvesTheParentBeforeTestingTheName) {
-  using UploadPlanner::planCreate;
-  const auto root = SyncItemIdentifier::root();
+  using P = CreatePlan;
   const auto folder = SyncItemIdentifier::node(notes, "dir:p");
-
-  EXPECT_EQ(planCreate(root, "ignored", "a.md", false, std::nullopt),
-            CreatePlan(refused(UploadPlanError::noInboxBrain())));
-  EXPECT_EQ(planCreate(root, "ignored", "a.md", false, work),
-            CreatePlan(CreatePlan::Upload{work, "a.md"}));
-  EXPECT_EQ(planCreate(SyncItemIdentifier::brain(notes), "ignored", "a.md", false, work),
-            CreatePlan(CreatePlan::Upload{notes, "a.md"}));
-  EXPECT_EQ(planCreate(folder, "p", "a.md", false, work),
-            CreatePlan(CreatePlan::Upload{notes, "p/a.md"}));
-  // An unknown folder path is refused naming only the file, ignored or not.
-  EXPECT_EQ(planCreate(folder, std::nullopt, ".DS_Store", false, work),
-            CreatePlan(refused(UploadPlanError::invalidPath(".DS_Store"))));
-  // A slash in the name is refused naming the whole joined path.
-  EXPECT_EQ(planCreate(folder, "p", "a/b", false, work),
-            CreatePlan(refused(UploadPlanError::invalidPath("p/a/b"))));
-  EXPECT_EQ(planCreate(folder, "p", "..", true, work),
-            CreatePlan(refused(UploadPlanError::invalidPath("p/.."))));
-  // Ignored names stay local even where the path rules would refuse the path.
-  EXPECT_EQ(planCreate(folder, "p//q", ".DS_Store", false, work),
-            CreatePlan(CreatePlan::LocalOnly{notes, "p//q/.DS_Store"}));
-  EXPECT_EQ(planCreate(folder, "p", ".gitkeep", true, work),
-            CreatePlan(CreatePlan::LocalOnly{notes, "p/.gitkeep"}));
-  EXPECT_EQ(planCreate(folder, "p", "q", true, work),
-            CreatePlan(CreatePlan::LocalDirectoryOnly{notes, "p/q"}));
+  auto refused = [](std::string path) {
+    return P(P::Rejected{UploadPlanError::invalidPath(path)});
+  };
+  const struct {
+    SyncItemIdentifier parent;
+    std::optional<std::string> parentPath;
+    const char* name;
+    bool isDirectory;
+    std::optional<Uuid> inbox;
+    CreatePlan expected;
+  } rows[] = {
+      {root, "ignored", "a.md", false, std::nullopt, P::Rejected{UploadPlanError::noInboxBrain()}},
+      {root, "ignored", "a.md", false, work, P::Upload{work, "a.md"}},
+      {SyncItemIdentifier::brain(notes), "ignored", "a.md", false, work, P::Upload{notes, "a.md"}},
+      {folder, "p", "a.md", false, work, P::Upload{notes, "p/a.md"}},
+      // An unknown folder path is refused naming only the file, ignored or not.
+      {folder, std::nullopt, ".DS_Store", false, work, refused(".DS_Store")},
+      // A slash in the name is refused naming the whole joined path.
+      {folder, "p", "a/b", false, work, refused("p/a/b")},
+      {folder, "p", "..", true, work, refused("p/..")},
+      // Ignored names stay local even where the path rules would refuse the path.
+      {folder, "p//q", ".DS_Store", false, work, P::LocalOnly{notes, "p//q/.DS_Store"}},
+      {folder, "p", ".gitkeep", true, work, P::LocalOnly{notes, "p/.gitkeep"}},
+      {folder, "p", "q", true, work, P::LocalDirectoryOnly{notes, "p/q"}},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(
+        UploadPlanner::planCreate(row.parent, row.parentPath, row.name, row.isDirectory, row.inbox),
+        row.expected)
+        << row.name;
+  }
 }
 
 TEST(UploadPlannerTest, MoveRefusalsComeInTheirOrder) {
-  using UploadPlanner::planMove;
-  using UploadPlanner::planRename;
-  using UploadPlanner::planReparent;
+  using namespace UploadPlanner;
+  using M = MovePlan;
   const NodeRecord a = nodeAt("a");
   const NodeRecord plan = nodeAt("docs/plan.md");
+  auto rejected = [](UploadPlanError error) { return M(M::Rejected{std::move(error)}); };
 
-  EXPECT_EQ(planRename(plan, "plan.md"), MovePlan(MovePlan::NoChange{}));
-  EXPECT_EQ(planRename(plan, "todo.md"),
-            MovePlan(MovePlan::Move{notes, "docs/plan.md", "docs/todo.md"}));
+  EXPECT_EQ(planRename(plan, "plan.md"), M(M::NoChange{}));
+  EXPECT_EQ(planRename(plan, "todo.md"), M(M::Move{notes, "docs/plan.md", "docs/todo.md"}));
   // Another brain is reported before the name is looked at.
   EXPECT_EQ(planMove(plan, "x/..", SyncItemIdentifier::brain(work), std::nullopt, std::nullopt),
-            MovePlan(MovePlan::CrossBrainUnsupported{}));
-  EXPECT_EQ(planReparent(plan, SyncItemIdentifier::root(), std::nullopt, work),
-            MovePlan(MovePlan::CrossBrainUnsupported{}));
-  EXPECT_EQ(planReparent(plan, SyncItemIdentifier::root(), std::nullopt, notes),
-            MovePlan(MovePlan::Move{notes, "docs/plan.md", "plan.md"}));
-  EXPECT_EQ(planReparent(plan, SyncItemIdentifier::root(), std::nullopt, std::nullopt),
-            MovePlan(MovePlan::Rejected{UploadPlanError::noInboxBrain()}));
+            M(M::CrossBrainUnsupported{}));
+  EXPECT_EQ(planReparent(plan, root, std::nullopt, work), M(M::CrossBrainUnsupported{}));
+  EXPECT_EQ(planReparent(plan, root, std::nullopt, notes),
+            M(M::Move{notes, "docs/plan.md", "plan.md"}));
+  EXPECT_EQ(planReparent(plan, root, std::nullopt, std::nullopt),
+            rejected(UploadPlanError::noInboxBrain()));
   EXPECT_EQ(
       planReparent(plan, SyncItemIdentifier::node(notes, "dir:x"), std::nullopt, std::nullopt),
-      MovePlan(MovePlan::Rejected{UploadPlanError::invalidPath("plan.md")}));
-  EXPECT_EQ(planRename(plan, "a/b"),
-            MovePlan(MovePlan::Rejected{UploadPlanError::invalidPath("docs/a/b")}));
+      rejected(UploadPlanError::invalidPath("plan.md")));
+  EXPECT_EQ(planRename(plan, "a/b"), rejected(UploadPlanError::invalidPath("docs/a/b")));
 
   EXPECT_EQ(planReparent(a, SyncItemIdentifier::node(notes, "dir:a/b"), "a/b", std::nullopt),
-            MovePlan(MovePlan::Rejected{UploadPlanError::moveIntoSelf()}));
-  EXPECT_EQ(planRename(a, "ab"), MovePlan(MovePlan::Move{notes, "a", "ab"}));
+            rejected(UploadPlanError::moveIntoSelf()));
   EXPECT_EQ(planReparent(a, SyncItemIdentifier::node(notes, "dir:ab"), "ab", std::nullopt),
-            MovePlan(MovePlan::Move{notes, "a", "ab/a"}));
+            M(M::Move{notes, "a", "ab/a"}));
 
   // Only a local-only item may take an ignored name.
-  EXPECT_EQ(planRename(plan, ".DS_Store"),
-            MovePlan(MovePlan::Rejected{UploadPlanError::junkDestination(".DS_Store")}));
+  EXPECT_EQ(planRename(plan, ".DS_Store"), rejected(UploadPlanError::junkDestination(".DS_Store")));
   EXPECT_EQ(planRename(nodeAt("docs/plan.md", true), ".DS_Store"),
-            MovePlan(MovePlan::LocalOnly{notes, "docs/plan.md", "docs/.DS_Store"}));
+            M(M::LocalOnly{notes, "docs/plan.md", "docs/.DS_Store"}));
 }
 
 TEST(UploadPlannerTest, ContentPlanTakesTheLimitInclusive) {
   using UploadPlanner::planContentUpload;
-  EXPECT_EQ(UploadPlanner::maxUploadBytes, 104857600);
-  EXPECT_EQ(planContentUpload(toBytes("hello")),
-            ContentUploadPlan(ContentUploadPlan::Text{"hello"}));
+  using P = ContentUploadPlan;
+  EXPECT_EQ(planContentUpload(toBytes("hello")), P(P::Text{"hello"}));
   const Bytes binary{0x00, 0xFF};
-  EXPECT_EQ(planContentUpload(binary), ContentUploadPlan(ContentUploadPlan::Blob{
-                                           binary, ContentClassifier::blobHash(binary), 2}));
+  EXPECT_EQ(planContentUpload(binary), P(P::Blob{binary, ContentClassifier::blobHash(binary), 2}));
 
-  Bytes limit(104857600, 0);
-  ContentUploadPlan atLimit = planContentUpload(limit);
-  ASSERT_EQ(atLimit.kind(), ContentUploadPlan::Kind::blob);
-  EXPECT_EQ(atLimit.as<ContentUploadPlan::Blob>()->size, 104857600);
-  EXPECT_EQ(atLimit.as<ContentUploadPlan::Blob>()->data.size(), 104857600u);
-  atLimit = ContentUploadPlan::TooLarge{};  // lets the 100 MiB go
+  Bytes limit(UploadPlanner::maxUploadBytes, 0);
+  EXPECT_EQ(planContentUpload(limit).as<P::Blob>()->size, 104857600);
   limit.push_back(0);
-  EXPECT_EQ(planContentUpload(std::move(limit)),
-            ContentUploadPlan(ContentUploadPlan::TooLarge{104857601}));
+  EXPECT_EQ(planContentUpload(std::move(limit)), P(P::TooLarge{104857601}));
 }
 
-TEST(UploadPlannerTest, DefaultTitleDropsOnlyARealExtension) {
-  using UploadPlanner::defaultTitle;
+TEST(UploadPlannerTest, DefaultTitleAndInboxBrain) {
+  using namespace UploadPlanner;
   EXPECT_EQ(defaultTitle("notes/plan.md"), "plan");
   EXPECT_EQ(defaultTitle(".profile"), ".profile");
   EXPECT_EQ(defaultTitle("x/a.b.c"), "a.b");
   EXPECT_EQ(defaultTitle("v1.2/README"), "README");
-}
 
-TEST(UploadPlannerTest, InboxBrainIsPreferredThenInboxSlugThenFirstByName) {
-  using UploadPlanner::resolveInboxBrain;
-  const auto workBrain = brain("22222222-2222-4222-8222-222222222222", "work", "Work");
-  const auto inbox = brain("33333333-3333-4333-8333-333333333333", "INBOX", "Inbox");
-  const auto alpha = brain("44444444-4444-4444-8444-444444444444", "z", "alpha");
-  const std::vector<BrainRecord> brains{workBrain, inbox};
-
-  EXPECT_EQ(resolveInboxBrain(brains, std::nullopt), inbox.brainId);
-  EXPECT_EQ(resolveInboxBrain(brains, alpha.brainId), inbox.brainId);
-  EXPECT_EQ(resolveInboxBrain(brains, workBrain.brainId), workBrain.brainId);
-  // Without an inbox slug, the first by lower-cased name ("alpha" < "work").
+  // A stored inbox brain is preferred, then the "inbox" slug, then the first
+  // by lower-cased name, slug and id.
+  auto brain = [](char digit, std::string slug, std::string name) {
+    const std::string d(1, digit);
+    return BrainRecord{*Uuid::parse(std::string(8, digit) + "-" + d + d + d + d + "-4" + d + d + d +
+                                    "-8" + d + d + d + "-" + std::string(12, digit)),
+                       std::move(slug), std::move(name), std::nullopt};
+  };
+  const auto workBrain = brain('2', "work", "Work"), inbox = brain('3', "INBOX", "Inbox");
+  const auto alpha = brain('4', "z", "alpha"), inbox2 = brain('5', "inbox", "Inbox"),
+             inbox3 = brain('6', "inbox", "Inbox");
+  EXPECT_EQ(resolveInboxBrain({workBrain, inbox}, std::nullopt), inbox.brainId);
+  EXPECT_EQ(resolveInboxBrain({workBrain, inbox}, alpha.brainId), inbox.brainId);
+  EXPECT_EQ(resolveInboxBrain({workBrain, inbox}, workBrain.brainId), workBrain.brainId);
   EXPECT_EQ(resolveInboxBrain({workBrain, alpha}, std::nullopt), alpha.brainId);
-  // Equal names fall back to the slug, then the id.
-  const auto inbox2 = brain("55555555-5555-4555-8555-555555555555", "inbox", "Inbox");
-  const auto inbox3 = brain("66666666-6666-4666-8666-666666666666", "inbox", "Inbox");
   EXPECT_EQ(resolveInboxBrain({inbox3, inbox2, inbox}, std::nullopt), inbox.brainId);
   EXPECT_EQ(resolveInboxBrain({inbox3, inbox2}, std::nullopt), inbox2.brainId);
   EXPECT_EQ(resolveInboxBrain({}, workBrain.brainId), std::nullopt);
