@@ -1,7 +1,6 @@
 #include "synckit/base/timestamp.h"
 
 #include <chrono>
-#include <cstdio>
 
 namespace synckit {
 namespace {
@@ -34,6 +33,14 @@ std::int64_t floorDiv(std::int64_t a, std::int64_t b) {
   std::int64_t q = a / b;
   if ((a % b != 0) && ((a < 0) != (b < 0))) --q;
   return q;
+}
+
+// Writes `value` as exactly `width` decimal digits ending just before `end`.
+void putDigits(char* end, unsigned value, int width) noexcept {
+  for (int i = 0; i < width; ++i) {
+    *--end = static_cast<char>('0' + value % 10);
+    value /= 10;
+  }
 }
 
 }  // namespace
@@ -95,19 +102,30 @@ std::optional<Timestamp> Timestamp::parse(std::string_view text) {
   return fromMilliseconds(milliseconds);
 }
 
-std::string Timestamp::toString() const {
+Timestamp::Text Timestamp::toText() const noexcept {
+  // Formatted by hand: the store writes one of these per row it stores, and
+  // snprintf cost more than the rest of the row's preparation.
   std::int64_t totalSeconds = floorDiv(ms_, 1000);
-  int millis = static_cast<int>(ms_ - totalSeconds * 1000);
+  auto millis = static_cast<unsigned>(ms_ - totalSeconds * 1000);
   std::int64_t dayCount = floorDiv(totalSeconds, 86400);
-  std::int64_t secondsOfDay = totalSeconds - dayCount * 86400;
+  auto secondsOfDay = static_cast<unsigned>(totalSeconds - dayCount * 86400);
   std::chrono::year_month_day date{sys_days(days(dayCount))};
-  char buffer[40];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ",
-                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-                static_cast<unsigned>(date.day()), static_cast<int>(secondsOfDay / 3600),
-                static_cast<int>(secondsOfDay / 60 % 60), static_cast<int>(secondsOfDay % 60),
-                millis);
-  return buffer;
+  Text text{'0', '0', '0', '0', '-', '0', '0', '-', '0', '0', 'T', '0',
+            '0', ':', '0', '0', ':', '0', '0', '.', '0', '0', '0', 'Z'};
+  char* out = text.data();
+  putDigits(out + 4, static_cast<unsigned>(static_cast<int>(date.year())), 4);
+  putDigits(out + 7, static_cast<unsigned>(date.month()), 2);
+  putDigits(out + 10, static_cast<unsigned>(date.day()), 2);
+  putDigits(out + 13, secondsOfDay / 3600, 2);
+  putDigits(out + 16, secondsOfDay / 60 % 60, 2);
+  putDigits(out + 19, secondsOfDay % 60, 2);
+  putDigits(out + 23, millis, 3);
+  return text;
+}
+
+std::string Timestamp::toString() const {
+  const Text text = toText();
+  return std::string(text.data(), text.size());
 }
 
 }  // namespace synckit

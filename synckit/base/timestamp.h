@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <optional>
@@ -39,7 +40,12 @@ class Timestamp {
   // the years 0000 to 9999 once its offset is applied is refused.
   static std::optional<Timestamp> parse(std::string_view text);
 
+  // The text form in a fixed buffer, not NUL-terminated.
+  using Text = std::array<char, 24>;
+
   std::string toString() const;
+  // toString() without allocating, for callers that need the text briefly.
+  Text toText() const noexcept;
   constexpr std::int64_t millisecondsSinceEpoch() const noexcept { return ms_; }
 
   auto operator<=>(const Timestamp&) const = default;

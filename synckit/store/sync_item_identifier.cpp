@@ -34,13 +34,20 @@ std::optional<SyncItemIdentifier> SyncItemIdentifier::parse(std::string_view tex
 
 std::string SyncItemIdentifier::string() const {
   switch (kind()) {
-    case Kind::brain:
-      return std::string(kBrainPrefix) + std::get<Brain>(value).brainId.toString();
+    case Kind::brain: {
+      const Uuid::Text brainId = std::get<Brain>(value).brainId.toText();
+      std::string text;
+      text.reserve(kBrainPrefix.size() + brainId.size());
+      text.append(kBrainPrefix).append(brainId.data(), brainId.size());
+      return text;
+    }
     case Kind::node: {
       const Node& node = std::get<Node>(value);
+      const Uuid::Text brainId = node.brainId.toText();
       std::string text;
-      text.reserve(kNodePrefix.size() + kUuidLength + 1 + node.nodeId.size());
-      text.append(kNodePrefix).append(node.brainId.toString()).append(1, ':').append(node.nodeId);
+      text.reserve(kNodePrefix.size() + brainId.size() + 1 + node.nodeId.size());
+      text.append(kNodePrefix).append(brainId.data(), brainId.size()).append(1, ':');
+      text.append(node.nodeId);
       return text;
     }
     case Kind::root:
