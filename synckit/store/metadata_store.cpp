@@ -1,6 +1,7 @@
 #include "synckit/store/metadata_store.h"
 
 #include <algorithm>
+#include <array>
 #include <system_error>
 #include <unordered_map>
 
@@ -14,18 +15,22 @@ namespace {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-// Builds a binding list by moving each value in; a braced list would copy
-// every string a second time on the way into the vector.
-template <class... Values>
-std::vector<SQLiteValue> values(Values&&... items) {
-  std::vector<SQLiteValue> list;
-  list.reserve(sizeof...(items));
-  (list.push_back(std::forward<Values>(items)), ...);
-  return list;
+// The arguments of one statement call. Text arguments view their values, so
+// every value they view, formatted ids and dates included, must be a
+// variable or a temporary of the full expression that runs the statement.
+template <class... Arguments>
+std::array<SQLiteArgument, sizeof...(Arguments)> arguments(const Arguments&... items) {
+  return {items...};
 }
 
-SQLiteValue uuidValue(const Uuid& uuid) { return SQLiteValue::text(uuid.toString()); }
-SQLiteValue textValue(std::string_view text) { return SQLiteValue::text(std::string(text)); }
+SQLiteArgument text(std::string_view value) { return SQLiteArgument::text(value); }
+SQLiteArgument text(const Uuid::Text& value) { return text({value.data(), value.size()}); }
+SQLiteArgument text(const Timestamp::Text& value) { return text({value.data(), value.size()}); }
+SQLiteArgument integer(std::int64_t value) { return SQLiteArgument::integer(value); }
+SQLiteArgument boolean(bool value) { return SQLiteArgument::boolean(value); }
+SQLiteArgument optionalText(const std::optional<std::string>& value) {
+  return SQLiteArgument::optionalText(value);
+}
 
 std::string inQuotes(const std::string& value) { return "\"" + value + "\""; }
 
@@ -85,14 +90,15 @@ PendingChange pendingChangeFromRow(const SQLiteRow& row) {
   return change;
 }
 
-std::vector<SQLiteValue> nodeBindings(const NodeRecord& node) {
-  return values(
-      uuidValue(node.brainId), SQLiteValue::text(node.nodeId), SQLiteValue::text(node.path),
-      SQLiteValue::text(node.title), SQLiteValue::boolean(node.isDirectory),
-      textValue(toString(node.kind)), SQLiteValue::optionalText(node.blobHash),
-      SQLiteValue::optionalInteger(node.blobSize), SQLiteValue::text(node.updatedAt.toString()),
-      SQLiteValue::integer(node.contentVersion), SQLiteValue::boolean(node.localOnly),
-      SQLiteValue::optionalText(node.uploadError));
+// Binds a node row with the brain id and date formatted into `brainId` and
+// `updatedAt`, which outlive the statement call.
+std::array<SQLiteArgument, 12> nodeArguments(const NodeRecord& node, const Uuid::Text& brainId,
+                                             const Timestamp::Text& updatedAt) {
+  return arguments(text(brainId), text(node.nodeId), text(node.path), text(node.title),
+                   boolean(node.isDirectory), text(toString(node.kind)),
+                   optionalText(node.blobHash), SQLiteArgument::optionalInteger(node.blobSize),
+                   text(updatedAt), integer(node.contentVersion), boolean(node.localOnly),
+                   optionalText(node.uploadError));
 }
 
 }  // namespace
@@ -110,7 +116,7 @@ MetadataStore::MetadataStore(const std::filesystem::path& path) : database_(path
 
 std::optional<std::string> MetadataStore::metaValue(std::string_view key) {
   Lock guard(lock_);
-  auto rows = database_.query(StoreSQL::selectMeta, values(textValue(key)));
+  auto rows = database_.query(StoreSQL::selectMeta, arguments(text(key)));
   if (rows.empty()) return std::nullopt;
   return rows.front().optionalString(0);
 }
@@ -118,22 +124,21 @@ std::optional<std::string> MetadataStore::metaValue(std::string_view key) {
 void MetadataStore::setMeta(std::string_view key, const std::optional<std::string>& value) {
   Lock guard(lock_);
   if (value) {
-    database_.execute(StoreSQL::upsertMeta, values(textValue(key), SQLiteValue::text(*value)));
+    database_.execute(StoreSQL::upsertMeta, arguments(text(key), text(*value)));
   } else {
-    database_.execute(StoreSQL::deleteMeta, values(textValue(key)));
+    database_.execute(StoreSQL::deleteMeta, arguments(text(key)));
   }
 }
 
 void MetadataStore::upsertBrain(const BrainRecord& brain) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::upsertBrain,
-                    values(uuidValue(brain.brainId), SQLiteValue::text(brain.slug),
-                           SQLiteValue::text(brain.name), SQLiteValue::optionalText(brain.cursor)));
+  database_.execute(StoreSQL::upsertBrain, arguments(text(brain.brainId.toText()), text(brain.slug),
+                                                     text(brain.name), optionalText(brain.cursor)));
 }
 
 std::optional<BrainRecord> MetadataStore::brain(const Uuid& brainId) {
   Lock guard(lock_);
-  auto rows = database_.query(StoreSQL::selectBrain, values(uuidValue(brainId)));
+  auto rows = database_.query(StoreSQL::selectBrain, arguments(text(brainId.toText())));
   if (rows.empty()) return std::nullopt;
   return brainFromRow(rows.front());
 }
@@ -148,7 +153,7 @@ std::vector<BrainRecord> MetadataStore::brains() {
 
 std::optional<std::string> MetadataStore::cursor(const Uuid& brainId) {
   Lock guard(lock_);
-  auto rows = database_.query(StoreSQL::selectCursor, values(uuidValue(brainId)));
+  auto rows = database_.query(StoreSQL::selectCursor, arguments(text(brainId.toText())));
   if (rows.empty()) return std::nullopt;
   return rows.front().optionalString(0);
 }
@@ -156,17 +161,17 @@ std::optional<std::string> MetadataStore::cursor(const Uuid& brainId) {
 void MetadataStore::setCursor(const Uuid& brainId, const std::optional<std::string>& cursor) {
   Lock guard(lock_);
   database_.execute(StoreSQL::updateCursor,
-                    values(SQLiteValue::optionalText(cursor), uuidValue(brainId)));
+                    arguments(optionalText(cursor), text(brainId.toText())));
   if (database_.changes() == 0) throw MetadataStoreError::unknownBrain(brainId);
 }
 
 void MetadataStore::deleteBrain(const Uuid& brainId) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::deleteBrain, values(uuidValue(brainId)));
+  database_.execute(StoreSQL::deleteBrain, arguments(text(brainId.toText())));
 }
 
 std::vector<NodeRecord> MetadataStore::queryNodes(std::string_view sql,
-                                                  const std::vector<SQLiteValue>& bindings) {
+                                                  std::span<const SQLiteArgument> bindings) {
   std::vector<NodeRecord> nodes;
   auto rows = database_.query(sql, bindings);
   nodes.reserve(rows.size());
@@ -175,7 +180,7 @@ std::vector<NodeRecord> MetadataStore::queryNodes(std::string_view sql,
 }
 
 std::optional<NodeRecord> MetadataStore::queryNode(std::string_view sql,
-                                                   const std::vector<SQLiteValue>& bindings) {
+                                                   std::span<const SQLiteArgument> bindings) {
   auto rows = database_.query(sql, bindings);
   if (rows.empty()) return std::nullopt;
   return nodeFromRow(rows.front());
@@ -183,27 +188,28 @@ std::optional<NodeRecord> MetadataStore::queryNode(std::string_view sql,
 
 std::vector<NodeRecord> MetadataStore::nodes(const Uuid& brainId) {
   Lock guard(lock_);
-  return queryNodes(StoreSQL::selectNodes, values(uuidValue(brainId)));
+  return queryNodes(StoreSQL::selectNodes, arguments(text(brainId.toText())));
 }
 
 std::optional<NodeRecord> MetadataStore::nodeAtPath(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  return queryNode(StoreSQL::selectNodeAtPath, values(uuidValue(brainId), textValue(path)));
+  return queryNode(StoreSQL::selectNodeAtPath, arguments(text(brainId.toText()), text(path)));
 }
 
 std::optional<NodeRecord> MetadataStore::nodeWithId(const Uuid& brainId, std::string_view nodeId) {
   Lock guard(lock_);
-  return queryNode(StoreSQL::selectNodeWithId, values(uuidValue(brainId), textValue(nodeId)));
+  return queryNode(StoreSQL::selectNodeWithId, arguments(text(brainId.toText()), text(nodeId)));
 }
 
 void MetadataStore::upsertNode(const NodeRecord& node) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::upsertNode, nodeBindings(node));
+  database_.execute(StoreSQL::upsertNode,
+                    nodeArguments(node, node.brainId.toText(), node.updatedAt.toText()));
 }
 
 bool MetadataStore::deleteNode(const Uuid& brainId, std::string_view nodeId) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::deleteNode, values(uuidValue(brainId), textValue(nodeId)));
+  database_.execute(StoreSQL::deleteNode, arguments(text(brainId.toText()), text(nodeId)));
   return database_.changes() > 0;
 }
 
@@ -211,22 +217,21 @@ void MetadataStore::updateNodePath(const Uuid& brainId, std::string_view nodeId,
                                    std::string_view newPath) {
   Lock guard(lock_);
   database_.execute(StoreSQL::updateNodePath,
-                    values(textValue(newPath), uuidValue(brainId), textValue(nodeId)));
+                    arguments(text(newPath), text(brainId.toText()), text(nodeId)));
 }
 
 std::int64_t MetadataStore::uploadErrorCount(const Uuid& brainId) {
   Lock guard(lock_);
-  auto rows = database_.query(StoreSQL::uploadErrorCount, values(uuidValue(brainId)));
+  auto rows = database_.query(StoreSQL::uploadErrorCount, arguments(text(brainId.toText())));
   return rows.empty() ? 0 : rows.front().integer(0);
 }
 
 std::vector<NodeRecord> MetadataStore::descendants(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
   if (path.empty()) return nodes(brainId);
-  std::string base(path);
-  return queryNodes(
-      StoreSQL::selectDescendants,
-      values(uuidValue(brainId), SQLiteValue::text(base + "/"), SQLiteValue::text(base + "0")));
+  const std::string base(path);
+  return queryNodes(StoreSQL::selectDescendants,
+                    arguments(text(brainId.toText()), text(base + "/"), text(base + "0")));
 }
 
 std::vector<NodeRecord> MetadataStore::subtree(const Uuid& brainId, std::string_view path) {
@@ -241,12 +246,12 @@ std::vector<NodeRecord> MetadataStore::subtree(const Uuid& brainId, std::string_
 
 std::vector<NodeRecord> MetadataStore::children(const Uuid& brainId, std::string_view parentPath) {
   Lock guard(lock_);
-  if (parentPath.empty()) return queryNodes(StoreSQL::selectTopLevel, values(uuidValue(brainId)));
-  std::string prefix = std::string(parentPath) + "/";
-  return queryNodes(
-      StoreSQL::selectChildren,
-      values(uuidValue(brainId), SQLiteValue::text(prefix),
-             SQLiteValue::text(std::string(parentPath) + "0"), SQLiteValue::text(prefix)));
+  if (parentPath.empty())
+    return queryNodes(StoreSQL::selectTopLevel, arguments(text(brainId.toText())));
+  const std::string prefix = std::string(parentPath) + "/";
+  return queryNodes(StoreSQL::selectChildren,
+                    arguments(text(brainId.toText()), text(prefix),
+                              text(std::string(parentPath) + "0"), text(prefix)));
 }
 
 bool MetadataStore::touchContent(const Uuid& brainId, std::string_view nodeId) {
@@ -261,7 +266,7 @@ bool MetadataStore::touchContent(const Uuid& brainId, std::string_view nodeId) {
 }
 
 std::vector<PendingChange> MetadataStore::queryPendingChanges(
-    std::string_view sql, const std::vector<SQLiteValue>& bindings) {
+    std::string_view sql, std::span<const SQLiteArgument> bindings) {
   std::vector<PendingChange> changes;
   for (const SQLiteRow& row : database_.query(sql, bindings)) {
     changes.push_back(pendingChangeFromRow(row));
@@ -271,52 +276,50 @@ std::vector<PendingChange> MetadataStore::queryPendingChanges(
 
 std::int64_t MetadataStore::enqueue(const PendingChange& change) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::enqueue,
-                    values(uuidValue(change.brainId), SQLiteValue::optionalText(change.nodeId),
-                           textValue(toString(change.changeKind)), SQLiteValue::text(change.path),
-                           SQLiteValue::optionalText(change.fromPath),
-                           SQLiteValue::optionalText(change.baseCursor),
-                           SQLiteValue::text(change.createdAt.toString())));
+  database_.execute(
+      StoreSQL::enqueue,
+      arguments(text(change.brainId.toText()), optionalText(change.nodeId),
+                text(toString(change.changeKind)), text(change.path), optionalText(change.fromPath),
+                optionalText(change.baseCursor), text(change.createdAt.toText())));
   return database_.lastInsertRowID();
 }
 
 std::vector<PendingChange> MetadataStore::pendingChanges(const std::optional<Uuid>& brainId) {
   Lock guard(lock_);
-  if (!brainId) return queryPendingChanges(StoreSQL::selectPendingAll, values());
-  return queryPendingChanges(StoreSQL::selectPendingOfBrain, values(uuidValue(*brainId)));
+  if (!brainId) return queryPendingChanges(StoreSQL::selectPendingAll, {});
+  return queryPendingChanges(StoreSQL::selectPendingOfBrain, arguments(text(brainId->toText())));
 }
 
 std::optional<PendingChange> MetadataStore::pendingChange(std::int64_t id) {
   Lock guard(lock_);
-  auto changes =
-      queryPendingChanges(StoreSQL::selectPendingChange, values(SQLiteValue::integer(id)));
+  auto changes = queryPendingChanges(StoreSQL::selectPendingChange, arguments(integer(id)));
   if (changes.empty()) return std::nullopt;
   return std::move(changes.front());
 }
 
 void MetadataStore::removePendingChange(std::int64_t id) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::deletePendingChange, values(SQLiteValue::integer(id)));
+  database_.execute(StoreSQL::deletePendingChange, arguments(integer(id)));
 }
 
 void MetadataStore::setPendingBaseCursor(std::int64_t id,
                                          const std::optional<std::string>& baseCursor) {
   Lock guard(lock_);
   database_.execute(StoreSQL::updatePendingBaseCursor,
-                    values(SQLiteValue::optionalText(baseCursor), SQLiteValue::integer(id)));
+                    arguments(optionalText(baseCursor), integer(id)));
 }
 
 void MetadataStore::setPendingPath(std::int64_t id, std::string_view path) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::updatePendingPath, values(textValue(path), SQLiteValue::integer(id)));
+  database_.execute(StoreSQL::updatePendingPath, arguments(text(path), integer(id)));
 }
 
 std::int64_t MetadataStore::recordChange(const SyncItemIdentifier& identifier, bool deleted) {
   Lock guard(lock_);
-  auto brainId = identifier.brainId();
-  database_.execute(StoreSQL::insertChange,
-                    values(SQLiteValue::text(brainId ? brainId->toString() : std::string()),
-                           SQLiteValue::text(identifier.string()), SQLiteValue::boolean(deleted)));
+  const auto brainId = identifier.brainId();
+  const Uuid::Text brainText = brainId ? brainId->toText() : Uuid::Text{};
+  database_.execute(StoreSQL::insertChange, arguments(brainId ? text(brainText) : text(""),
+                                                      text(identifier.string()), boolean(deleted)));
   return database_.lastInsertRowID();
 }
 
@@ -333,8 +336,7 @@ ChangeSet MetadataStore::changes(std::int64_t sinceAnchor) {
       std::int64_t anchor;
       bool deleted;
     };
-    auto rows =
-        database_.query(StoreSQL::selectChangesSince, values(SQLiteValue::integer(sinceAnchor)));
+    auto rows = database_.query(StoreSQL::selectChangesSince, arguments(integer(sinceAnchor)));
     // Rows arrive in anchor order, so the last write per identifier wins.
     std::unordered_map<std::string, Latest> latest;
     latest.reserve(rows.size());
@@ -417,24 +419,25 @@ std::optional<SyncItem> MetadataStore::item(const SyncItemIdentifier& identifier
 
 void MetadataStore::recordOwnWrite(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::insertOwnWrite, values(uuidValue(brainId), textValue(path)));
+  database_.execute(StoreSQL::insertOwnWrite, arguments(text(brainId.toText()), text(path)));
 }
 
 bool MetadataStore::consumeOwnWrite(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::consumeOwnWrite, values(uuidValue(brainId), textValue(path)));
+  database_.execute(StoreSQL::consumeOwnWrite, arguments(text(brainId.toText()), text(path)));
   return database_.changes() > 0;
 }
 
 std::int64_t MetadataStore::ownWriteCount(const Uuid& brainId, std::string_view path) {
   Lock guard(lock_);
-  auto rows = database_.query(StoreSQL::ownWriteCount, values(uuidValue(brainId), textValue(path)));
+  auto rows =
+      database_.query(StoreSQL::ownWriteCount, arguments(text(brainId.toText()), text(path)));
   return rows.empty() ? 0 : rows.front().integer(0);
 }
 
 void MetadataStore::clearOwnWrites(const Uuid& brainId) {
   Lock guard(lock_);
-  database_.execute(StoreSQL::clearOwnWrites, values(uuidValue(brainId)));
+  database_.execute(StoreSQL::clearOwnWrites, arguments(text(brainId.toText())));
 }
 
 }  // namespace synckit

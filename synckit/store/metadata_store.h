@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -123,11 +124,11 @@ class MetadataStore {
 
  private:
   std::vector<NodeRecord> queryNodes(std::string_view sql,
-                                     const std::vector<SQLiteValue>& bindings);
+                                     std::span<const SQLiteArgument> bindings);
   std::optional<NodeRecord> queryNode(std::string_view sql,
-                                      const std::vector<SQLiteValue>& bindings);
+                                      std::span<const SQLiteArgument> bindings);
   std::vector<PendingChange> queryPendingChanges(std::string_view sql,
-                                                 const std::vector<SQLiteValue>& bindings);
+                                                 std::span<const SQLiteArgument> bindings);
 
   std::recursive_mutex lock_;
   SQLiteDatabase database_;

@@ -2,6 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
+#include <cstring>
+
 namespace synckit {
 namespace {
 
@@ -25,6 +28,25 @@ int bindValue(sqlite3_stmt* statement, int index, const SQLiteValue& value) {
                                SQLITE_TRANSIENT);
     }
     case SQLiteValue::Kind::null:
+      return sqlite3_bind_null(statement, index);
+  }
+  return SQLITE_MISUSE;
+}
+
+int bindValue(sqlite3_stmt* statement, int index, const SQLiteArgument& argument) {
+  switch (argument.kind()) {
+    case SQLiteArgument::Kind::integer:
+      return sqlite3_bind_int64(statement, index, argument.integerValue());
+    case SQLiteArgument::Kind::text: {
+      // Up to the first NUL, as a SQLiteValue's text binds. SQLITE_STATIC:
+      // the statement is reset and its bindings cleared before the call that
+      // bound it returns, while the caller's text is still there.
+      std::string_view text = argument.textValue();
+      if (auto nul = text.find('\0'); nul != std::string_view::npos) text = text.substr(0, nul);
+      return sqlite3_bind_text64(statement, index, text.empty() ? "" : text.data(), text.size(),
+                                 SQLITE_STATIC, SQLITE_UTF8);
+    }
+    case SQLiteArgument::Kind::null:
       return sqlite3_bind_null(statement, index);
   }
   return SQLITE_MISUSE;
@@ -88,6 +110,8 @@ SQLiteDatabase::~SQLiteDatabase() { close(); }
 void SQLiteDatabase::close() {
   // Statements first: closing with statements alive would leave a zombie
   // connection behind.
+  recent_ = {};
+  writeLockHeld_.reset();
   statements_.clear();
   if (handle_ != nullptr) {
     sqlite3_close_v2(handle_);
@@ -106,42 +130,58 @@ std::int64_t SQLiteDatabase::totalChanges() const {
 }
 
 bool SQLiteDatabase::holdsWriteLock() const {
-  return handle_ != nullptr && sqlite3_txn_state(handle_, "main") == SQLITE_TXN_WRITE;
+  if (!writeLockHeld_) {
+    writeLockHeld_ = handle_ != nullptr && sqlite3_txn_state(handle_, "main") == SQLITE_TXN_WRITE;
+  }
+  return *writeLockHeld_;
 }
 
 std::string SQLiteDatabase::currentMessage() const {
   return handle_ ? sqlite3_errmsg(handle_) : "unknown error";
 }
 
-SQLiteDatabase::Lease SQLiteDatabase::prepare(std::string_view sql,
-                                              const std::vector<SQLiteValue>& bindings) {
+sqlite3_stmt* SQLiteDatabase::statementFor(std::string_view sql) {
   if (handle_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "database is closed", std::string(sql));
+  writeLockHeld_.reset();
 
-  sqlite3_stmt* statement = nullptr;
-  if (auto cached = statements_.find(sql); cached != statements_.end()) {
-    statement = cached->second.get();
-  } else {
+  RecentStatement& recent =
+      recent_[(reinterpret_cast<std::uintptr_t>(sql.data()) >> 4) % kRecentSlots];
+  if (recent.text != nullptr && recent.text == sql.data() && *recent.cachedText == sql) {
+    return recent.statement;
+  }
+
+  auto cached = statements_.find(sql);
+  if (cached == statements_.end()) {
     std::string text(sql);
+    sqlite3_stmt* statement = nullptr;
     int result = sqlite3_prepare_v2(handle_, text.c_str(), -1, &statement, nullptr);
     if (result != SQLITE_OK || statement == nullptr) {
       std::string message = currentMessage();
       sqlite3_finalize(statement);
       throw SQLiteError(result, std::move(message), std::move(text));
     }
-    statements_.emplace(std::move(text), StatementHandle(statement));
+    cached = statements_.emplace(std::move(text), StatementHandle(statement)).first;
   }
+  // Map nodes stay put, so the slot may point at the cached text.
+  recent = RecentStatement{sql.data(), &cached->first, cached->second.get()};
+  return recent.statement;
+}
 
-  Lease lease(statement);
+template <class Value>
+SQLiteDatabase::Lease SQLiteDatabase::prepare(std::string_view sql,
+                                              std::span<const Value> bindings) {
+  Lease lease(statementFor(sql));
   int index = 1;
-  for (const SQLiteValue& value : bindings) {
-    if (int result = bindValue(statement, index++, value); result != SQLITE_OK) {
+  for (const Value& value : bindings) {
+    if (int result = bindValue(lease.get(), index++, value); result != SQLITE_OK) {
       throw SQLiteError(result, currentMessage(), std::string(sql));
     }
   }
   return lease;
 }
 
-void SQLiteDatabase::execute(std::string_view sql, const std::vector<SQLiteValue>& bindings) {
+template <class Value>
+void SQLiteDatabase::run(std::string_view sql, std::span<const Value> bindings) {
   Lease statement = prepare(sql, bindings);
   int result;
   while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
@@ -149,8 +189,9 @@ void SQLiteDatabase::execute(std::string_view sql, const std::vector<SQLiteValue
   if (result != SQLITE_DONE) throw SQLiteError(result, currentMessage(), std::string(sql));
 }
 
-std::vector<SQLiteRow> SQLiteDatabase::query(std::string_view sql,
-                                             const std::vector<SQLiteValue>& bindings) {
+template <class Value>
+std::vector<SQLiteRow> SQLiteDatabase::rowsOf(std::string_view sql,
+                                              std::span<const Value> bindings) {
   Lease statement = prepare(sql, bindings);
   const int columns = sqlite3_column_count(statement.get());
   std::vector<SQLiteRow> rows;
@@ -165,6 +206,24 @@ std::vector<SQLiteRow> SQLiteDatabase::query(std::string_view sql,
   }
   if (result != SQLITE_DONE) throw SQLiteError(result, currentMessage(), std::string(sql));
   return rows;
+}
+
+void SQLiteDatabase::execute(std::string_view sql, const std::vector<SQLiteValue>& bindings) {
+  run(sql, std::span<const SQLiteValue>(bindings));
+}
+
+void SQLiteDatabase::execute(std::string_view sql, std::span<const SQLiteArgument> arguments) {
+  run(sql, arguments);
+}
+
+std::vector<SQLiteRow> SQLiteDatabase::query(std::string_view sql,
+                                             const std::vector<SQLiteValue>& bindings) {
+  return rowsOf(sql, std::span<const SQLiteValue>(bindings));
+}
+
+std::vector<SQLiteRow> SQLiteDatabase::query(std::string_view sql,
+                                             std::span<const SQLiteArgument> arguments) {
+  return rowsOf(sql, arguments);
 }
 
 void SQLiteDatabase::begin(bool immediate) { execute(immediate ? "BEGIN IMMEDIATE" : "BEGIN"); }

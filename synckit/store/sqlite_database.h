@@ -1,9 +1,12 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -11,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "synckit/store/sqlite_argument.h"
 #include "synckit/store/sqlite_error.h"
 #include "synckit/store/sqlite_row.h"
 #include "synckit/store/sqlite_value.h"
@@ -29,7 +33,8 @@ namespace synckit {
 //
 // Prepared statements are kept per connection, keyed by their text, and are
 // reset with their bindings cleared after every use, so nothing but the
-// connection, that cache and the transaction depth outlives a call.
+// connection, that cache and the transaction depth outlives a call (nor does
+// any pointer into a caller's SQLiteArgument text).
 class SQLiteDatabase {
  public:
   // Opens or creates the file, then sets the busy timeout, WAL journalling
@@ -44,6 +49,9 @@ class SQLiteDatabase {
   void execute(std::string_view sql, const std::vector<SQLiteValue>& bindings = {});
   // Runs a statement to completion and returns its rows in SQLite's order.
   std::vector<SQLiteRow> query(std::string_view sql, const std::vector<SQLiteValue>& bindings = {});
+  // The same with arguments that view the caller's values instead of copies.
+  void execute(std::string_view sql, std::span<const SQLiteArgument> arguments);
+  std::vector<SQLiteRow> query(std::string_view sql, std::span<const SQLiteArgument> arguments);
 
   // Runs `body` in a transaction. Only the outermost level talks to SQLite
   // (BEGIN [IMMEDIATE] / COMMIT / ROLLBACK); nested levels just count, so an
@@ -106,7 +114,22 @@ class SQLiteDatabase {
     sqlite3_stmt* statement_;
   };
 
-  Lease prepare(std::string_view sql, const std::vector<SQLiteValue>& bindings);
+  // A statement whose text was seen at the same address before, checked
+  // against the cached text, so that the store's fixed texts skip hashing.
+  struct RecentStatement {
+    const char* text = nullptr;
+    const std::string* cachedText = nullptr;
+    sqlite3_stmt* statement = nullptr;
+  };
+  static constexpr std::size_t kRecentSlots = 64;
+
+  sqlite3_stmt* statementFor(std::string_view sql);
+  template <class Value>
+  Lease prepare(std::string_view sql, std::span<const Value> bindings);
+  template <class Value>
+  void run(std::string_view sql, std::span<const Value> bindings);
+  template <class Value>
+  std::vector<SQLiteRow> rowsOf(std::string_view sql, std::span<const Value> bindings);
   std::string currentMessage() const;
   void begin(bool immediate);
   void commit();
@@ -125,7 +148,13 @@ class SQLiteDatabase {
 
   sqlite3* handle_ = nullptr;
   int transactionDepth_ = 0;
+  // holdsWriteLock's last answer; only a statement run on this connection
+  // can take or drop the lock, so running one forgets it. The batch applier
+  // asks several times per item it applies, and asking SQLite each time
+  // cost more than the item's statement bindings.
+  mutable std::optional<bool> writeLockHeld_;
   std::unordered_map<std::string, StatementHandle, TextHash, std::equal_to<>> statements_;
+  std::array<RecentStatement, kRecentSlots> recent_{};
 };
 
 template <class F>

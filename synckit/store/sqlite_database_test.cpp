@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <span>
 #include <stdexcept>
+#include <string>
 
 #include "synckit/testing/temporary_directory.h"
 
@@ -171,6 +174,56 @@ TEST_F(SQLiteDatabaseTest, FailedCommitIsReportedAsCommit) {
   db.transaction(true, [&] { db.execute("INSERT INTO parent VALUES (1)"); });
   SQLiteDatabase other{file};
   EXPECT_EQ(other.query("SELECT COUNT(*) FROM parent").at(0).integer(0), 1);
+}
+
+TEST_F(SQLiteDatabaseTest, ArgumentsBindAsTheirValuesDo) {
+  db.execute("CREATE TABLE v (a, b, c, d)");
+  std::string text = std::string("before\0after", 12);
+  const std::array arguments{SQLiteArgument::text(text), SQLiteArgument::text(std::string_view()),
+                             SQLiteArgument::optionalText(std::nullopt),
+                             SQLiteArgument::boolean(true)};
+  db.execute("INSERT INTO v VALUES (?, ?, ?, ?)", arguments);
+  text.assign(12, 'x');  // the row holds its own copy
+  db.execute("INSERT INTO v VALUES (?, ?, ?, ?)",
+             {SQLiteValue::text(std::string("before\0after", 12)), SQLiteValue::text(""),
+              SQLiteValue::null(), SQLiteValue::integer(1)});
+  auto rows = db.query("SELECT a, typeof(b), b, typeof(c), d FROM v");
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].values, rows[1].values);
+  EXPECT_EQ(rows[0].string(0), "before");
+  EXPECT_EQ(rows[0].string(1), "text");
+
+  // A text reused at the same address is still told apart by its content.
+  std::string sql = "SELECT 1";
+  EXPECT_EQ(db.query(sql, std::span<const SQLiteArgument>()).at(0).integer(0), 1);
+  sql.back() = '2';
+  EXPECT_EQ(db.query(sql, std::span<const SQLiteArgument>()).at(0).integer(0), 2);
+}
+
+TEST_F(SQLiteDatabaseTest, WriteLockFollowsTheStatementsRun) {
+  db.execute("CREATE TABLE t (v)");
+  EXPECT_FALSE(db.holdsWriteLock());
+  db.execute("BEGIN");
+  db.query("SELECT COUNT(*) FROM t");
+  EXPECT_FALSE(db.holdsWriteLock());  // reading only
+  db.execute("INSERT INTO t VALUES (1)");
+  EXPECT_TRUE(db.holdsWriteLock());
+  db.execute("COMMIT");
+  EXPECT_FALSE(db.holdsWriteLock());
+
+  db.transaction(true, [&] { EXPECT_TRUE(db.holdsWriteLock()); });
+  EXPECT_FALSE(db.holdsWriteLock());
+  EXPECT_THROW(db.transaction(true,
+                              [&] {
+                                EXPECT_TRUE(db.holdsWriteLock());
+                                throw std::runtime_error("body");
+                              }),
+               std::runtime_error);
+  EXPECT_FALSE(db.holdsWriteLock());
+  db.execute("BEGIN IMMEDIATE");
+  EXPECT_TRUE(db.holdsWriteLock());
+  db.close();
+  EXPECT_FALSE(db.holdsWriteLock());
 }
 
 TEST_F(SQLiteDatabaseTest, ClosedDatabaseRefusesEveryStatement) {
