@@ -2,21 +2,20 @@
 //
 // BM_ApplyFeedCreates applies one page of 10,000 file creates (100 folders of
 // 100 files) through Reconciler::reconcile on a fresh store.
-// BM_ApplyFeedCreatesRaw writes the same rows, folders included, with the
-// store's own insert statements prepared once and every value formatted in
-// advance, in one transaction. The ratio of the two items_per_second figures
-// is what reconciliation, the applier and the store add on top of SQLite.
+// BM_ApplyFeedCreatesRaw writes the same rows, folders included, and the
+// cursor with RawNodeWriter: the store's own statements prepared once and
+// every value formatted in advance, in one transaction. The ratio of the two items_per_second
+// figures is what reconciliation, the applier and the store add on top of SQLite.
 
 #include <benchmark/benchmark.h>
-#include <sqlite3.h>
 
-#include <stdexcept>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "bench/raw_node_writer.h"
 #include "synckit/engine/reconciler.h"
 #include "synckit/store/metadata_store.h"
-#include "synckit/store/store_sql.h"
 #include "synckit/testing/temporary_directory.h"
 
 namespace {
@@ -85,100 +84,42 @@ void BM_ApplyFeedCreates(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kFiles);
 }
 
-// Every bound value already in its stored form.
-struct RawRow {
-  std::string nodeId, path, title, updatedAt, identifier;
-  bool isDirectory;
-  std::int64_t contentVersion;
-};
-
-std::vector<RawRow> rawRows() {
-  std::vector<RawRow> rows;
+std::vector<halvark::bench::RawNodeRow> rawRows() {
+  std::vector<halvark::bench::RawNodeRow> rows;
   const std::string prefix = "node:" + kBrain.toString() + ":";
   for (const FeedEntry& entry : page()) {
     const std::string updatedAt = entry.at.toString();
     const std::string folder =
         entry.ops.front().path().substr(0, entry.ops.front().path().find('/'));
-    rows.push_back({"dir:" + folder, folder, folder, updatedAt, prefix + "dir:" + folder, true, 0});
+    rows.push_back({"dir:" + folder, folder, folder, "text", updatedAt, prefix + "dir:" + folder,
+                    std::nullopt, std::nullopt, true, 0});
     for (const Op& op : entry.ops) {
       const auto& create = *op.as<Op::Create>();
       const std::string nodeId = "local:" + synckit::Uuid::random().toString();
-      rows.push_back({nodeId, create.path, create.title, updatedAt, prefix + nodeId, false, 1});
+      rows.push_back({nodeId, create.path, create.title, "text", updatedAt, prefix + nodeId,
+                      std::nullopt, std::nullopt, false, 1});
     }
   }
   return rows;
 }
 
-void check(int result, sqlite3* db) {
-  if (result != SQLITE_OK && result != SQLITE_DONE) {
-    throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db));
-  }
-}
-
 void BM_ApplyFeedCreatesRaw(benchmark::State& state) {
-  const std::string brain = kBrain.toString();
   const std::string cursor = page().back().cursor;
-  const std::vector<RawRow> rows = rawRows();
-  auto bindText = [](sqlite3_stmt* s, int i, const std::string& v) {
-    sqlite3_bind_text(s, i, v.c_str(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
-  };
+  const std::vector<halvark::bench::RawNodeRow> rows = rawRows();
 
   for (auto _ : state) {
     state.PauseTiming();
-    synckit::testing::TemporaryDirectory directory;
-    freshStore(directory).reset();  // the same schema and brain row, made by the store
-    const auto path = directory / "sync.sqlite";
-    sqlite3* db = nullptr;
-    check(sqlite3_open_v2(path.c_str(), &db,
-                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                          nullptr),
-          db);
-    check(sqlite3_exec(db, "PRAGMA busy_timeout=5000", nullptr, nullptr, nullptr), db);
-    check(sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr), db);
-    check(sqlite3_exec(db, "PRAGMA foreign_keys=ON", nullptr, nullptr, nullptr), db);
-    sqlite3_stmt* upsert = nullptr;
-    sqlite3_stmt* log = nullptr;
-    sqlite3_stmt* setCursor = nullptr;
-    check(sqlite3_prepare_v2(db, synckit::StoreSQL::upsertNode.data(), -1, &upsert, nullptr), db);
-    check(sqlite3_prepare_v2(db, synckit::StoreSQL::insertChange.data(), -1, &log, nullptr), db);
-    check(sqlite3_prepare_v2(db, synckit::StoreSQL::updateCursor.data(), -1, &setCursor, nullptr),
-          db);
-    state.ResumeTiming();
-
-    check(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), db);
-    for (const RawRow& row : rows) {
-      bindText(upsert, 1, brain);
-      bindText(upsert, 2, row.nodeId);
-      bindText(upsert, 3, row.path);
-      bindText(upsert, 4, row.title);
-      sqlite3_bind_int64(upsert, 5, row.isDirectory ? 1 : 0);
-      sqlite3_bind_text(upsert, 6, "text", 4, SQLITE_STATIC);
-      sqlite3_bind_null(upsert, 7);
-      sqlite3_bind_null(upsert, 8);
-      bindText(upsert, 9, row.updatedAt);
-      sqlite3_bind_int64(upsert, 10, row.contentVersion);
-      sqlite3_bind_int64(upsert, 11, 0);
-      sqlite3_bind_null(upsert, 12);
-      check(sqlite3_step(upsert), db);
-      sqlite3_reset(upsert);
-
-      bindText(log, 1, brain);
-      bindText(log, 2, row.identifier);
-      sqlite3_bind_int64(log, 3, 0);
-      check(sqlite3_step(log), db);
-      sqlite3_reset(log);
+    {
+      synckit::testing::TemporaryDirectory directory;
+      freshStore(directory).reset();  // the same schema and brain row, made by the store
+      halvark::bench::RawNodeWriter writer(directory / "sync.sqlite", kBrain.toString());
+      state.ResumeTiming();
+      writer.begin();
+      for (const auto& row : rows) writer.write(row);
+      writer.setCursor(cursor);
+      writer.commit();
+      state.PauseTiming();
     }
-    bindText(setCursor, 1, cursor);
-    bindText(setCursor, 2, brain);
-    check(sqlite3_step(setCursor), db);
-    sqlite3_reset(setCursor);
-    check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db);
-
-    state.PauseTiming();
-    sqlite3_finalize(upsert);
-    sqlite3_finalize(log);
-    sqlite3_finalize(setCursor);
-    sqlite3_close_v2(db);
     state.ResumeTiming();
   }
   state.SetItemsProcessed(state.iterations() * kFiles);

@@ -1,18 +1,17 @@
 // Throughput of the metadata store against SQLite driven by hand.
 //
 // BM_RawSQLiteBaseline runs the store's own two insert statements, as
-// BM_UpsertNodeAndRecordChange does, straight on the C API: prepared once and every value formatted
-// in advance, so the ratio of the two items_per_second figures is the store's own overhead.
+// BM_UpsertNodeAndRecordChange does, straight on the C API (RawNodeWriter):
+// prepared once and every value formatted in advance, so the ratio of the two
+// items_per_second figures is the store's own overhead.
 
 #include <benchmark/benchmark.h>
-#include <sqlite3.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bench/raw_node_writer.h"
 #include "synckit/store/metadata_store.h"
-#include "synckit/store/store_sql.h"
 #include "synckit/testing/temporary_directory.h"
 
 namespace {
@@ -74,87 +73,28 @@ void BM_UpsertNodeAndRecordChange(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kRows);
 }
 
-// Every bound value already in its stored form.
-struct RawRow {
-  std::string nodeId, path, title, kind, updatedAt, identifier;
-  std::optional<std::string> blobHash;
-  std::optional<std::int64_t> blobSize;
-  std::int64_t contentVersion;
-};
-
-void check(int result, sqlite3* db) {
-  if (result != SQLITE_OK && result != SQLITE_DONE) {
-    throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db));
-  }
-}
-
 void BM_RawSQLiteBaseline(benchmark::State& state) {
-  const std::string brain = kBrain.toString();
-  std::vector<RawRow> rows;
+  std::vector<halvark::bench::RawNodeRow> rows;
+  rows.reserve(kRows);
   for (const NodeRecord& node : sampleNodes()) {
     rows.push_back({node.nodeId, node.path, node.title, std::string(synckit::toString(node.kind)),
                     node.updatedAt.toString(),
                     SyncItemIdentifier::node(node.brainId, node.nodeId).string(), node.blobHash,
-                    node.blobSize, node.contentVersion});
+                    node.blobSize, node.isDirectory, node.contentVersion});
   }
-  auto bindText = [](sqlite3_stmt* s, int i, const std::string& v) {
-    sqlite3_bind_text(s, i, v.c_str(), -1, SQLITE_TRANSIENT);
-  };
 
   for (auto _ : state) {
     state.PauseTiming();
-    synckit::testing::TemporaryDirectory directory;
-    const auto path = directory / "sync.sqlite";
-    MetadataStore::open(path).reset();  // the same schema, made by the store
-    sqlite3* db = nullptr;
-    check(sqlite3_open_v2(path.c_str(), &db,
-                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                          nullptr),
-          db);
-    check(sqlite3_exec(db, "PRAGMA busy_timeout=5000", nullptr, nullptr, nullptr), db);
-    check(sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr), db);
-    check(sqlite3_exec(db, "PRAGMA foreign_keys=ON", nullptr, nullptr, nullptr), db);
-    sqlite3_stmt* upsert = nullptr;
-    sqlite3_stmt* log = nullptr;
-    check(sqlite3_prepare_v2(db, synckit::StoreSQL::upsertNode.data(), -1, &upsert, nullptr), db);
-    check(sqlite3_prepare_v2(db, synckit::StoreSQL::insertChange.data(), -1, &log, nullptr), db);
-    state.ResumeTiming();
-
-    check(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), db);
-    for (const RawRow& row : rows) {
-      bindText(upsert, 1, brain);
-      bindText(upsert, 2, row.nodeId);
-      bindText(upsert, 3, row.path);
-      bindText(upsert, 4, row.title);
-      sqlite3_bind_int64(upsert, 5, 0);
-      bindText(upsert, 6, row.kind);
-      if (row.blobHash)
-        bindText(upsert, 7, *row.blobHash);
-      else
-        sqlite3_bind_null(upsert, 7);
-      if (row.blobSize)
-        sqlite3_bind_int64(upsert, 8, *row.blobSize);
-      else
-        sqlite3_bind_null(upsert, 8);
-      bindText(upsert, 9, row.updatedAt);
-      sqlite3_bind_int64(upsert, 10, row.contentVersion);
-      sqlite3_bind_int64(upsert, 11, 0);
-      sqlite3_bind_null(upsert, 12);
-      check(sqlite3_step(upsert), db);
-      sqlite3_reset(upsert);
-
-      bindText(log, 1, brain);
-      bindText(log, 2, row.identifier);
-      sqlite3_bind_int64(log, 3, 0);
-      check(sqlite3_step(log), db);
-      sqlite3_reset(log);
+    {
+      synckit::testing::TemporaryDirectory directory;
+      MetadataStore::open(directory / "sync.sqlite").reset();  // the same schema, made by the store
+      halvark::bench::RawNodeWriter writer(directory / "sync.sqlite", kBrain.toString());
+      state.ResumeTiming();
+      writer.begin();
+      for (const auto& row : rows) writer.write(row);
+      writer.commit();
+      state.PauseTiming();
     }
-    check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db);
-
-    state.PauseTiming();
-    sqlite3_finalize(upsert);
-    sqlite3_finalize(log);
-    sqlite3_close_v2(db);
     state.ResumeTiming();
   }
   state.SetItemsProcessed(state.iterations() * kRows);
