@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "synckit/api/feed_entry.h"
@@ -98,7 +99,10 @@ class ConflictResolver {
   // is read-only: in one write transaction the copy becomes a local-only
   // node with noWriteAccessMessage, its bytes move from the queue to the
   // node's spool key and the waiting change goes. Throws FileNotFoundError
-  // when the copy's spooled bytes are missing.
+  // when the copy's spooled bytes are missing. The copy file is removed
+  // after the transaction commits, so call it outside a write transaction:
+  // inside one, a crash before the caller's commit would leave the copy
+  // queued without its file (its bytes are then under the node's key).
   void copyUploadBounced(const Uuid& brainId, std::string_view nodeId, std::string_view copyPath,
                          std::int64_t journalId);
 
@@ -126,6 +130,14 @@ class ConflictResolver {
                                 const std::set<std::string, std::less<>>& avoid = {});
   BounceResult bounce(const Uuid& brainId, std::string_view path,
                       std::optional<std::int64_t> journalId, const Bytes& data, Reason reason);
+  ResetReconciliation reconcileReset(const std::vector<SnapshotNode>& snapshot, const Uuid& brainId,
+                                     const std::optional<std::string>& responseCursor);
+  // Every path of the brain's nodes and waiting changes, plus `avoid`.
+  std::unordered_set<std::string> takenPaths(const Uuid& brainId,
+                                             const std::set<std::string, std::less<>>& avoid);
+  void recordSubtree(const Uuid& brainId, std::string_view path);
+  void appendRefusal(const Uuid& brainId, std::string_view path, std::string_view what);
+  void removeQuietly(const std::string& spoolKey) const;
   std::string deviceLabel() const;
 
   MetadataStore& store_;
