@@ -135,7 +135,11 @@ ConflictCopy ConflictResolver::saveConflictCopy(const Uuid& brainId, std::string
       applier.setEntryDate(at);
       applier.ensureAncestors(copyPath);
 
-      const ContentUploadPlan plan = UploadPlanner::planContentUpload(data);
+      // Too large to upload: decided on the size alone, without copying the bytes.
+      const auto size = static_cast<std::int64_t>(data.size());
+      const ContentUploadPlan plan = size > UploadPlanner::maxUploadBytes
+                                         ? ContentUploadPlan(ContentUploadPlan::TooLarge{size})
+                                         : UploadPlanner::planContentUpload(data);
       NodeRecord node;
       node.brainId = brainId;
       node.nodeId = std::string(kLocalPrefix) + Uuid::random().toString();
