@@ -69,12 +69,12 @@ class ConflictResolverTest : public ::testing::Test {
 TEST_F(ConflictResolverTest, CopiesAreLabelledNumberedQueuedAndAnnounced) {
   db.put("n1", "notes/a.md");
   auto edit = queue(PendingChangeKind::update, "notes/a.md");
-  auto r = resolver(" My/Mac:Book \n");
+  auto r = resolver(" Work/Lap:top \n");
 
   auto first = r->bounceUpsert(db.brainId, "notes/a.md", edit, toBytes("mine"));
   auto second = r->divertStaleEdit(db.brainId, "notes/a.md", std::nullopt, toBytes("again"));
-  const std::string firstPath = "notes/" + copyName("a", "My-Mac-Book") + ".md";
-  const std::string secondPath = "notes/" + copyName("a", "My-Mac-Book", " 2") + ".md";
+  const std::string firstPath = "notes/" + copyName("a", "Work-Lap-top") + ".md";
+  const std::string secondPath = "notes/" + copyName("a", "Work-Lap-top", " 2") + ".md";
   EXPECT_EQ(first.copy.copyPath, firstPath);
   EXPECT_EQ(second.copy.copyPath, secondPath);
   EXPECT_EQ(first.record->nodeId, "n1");
@@ -88,16 +88,16 @@ TEST_F(ConflictResolverTest, CopiesAreLabelledNumberedQueuedAndAnnounced) {
   NodeRecord node = db.node(firstPath);
   EXPECT_EQ(node.nodeId, first.copy.nodeId);
   EXPECT_TRUE(node.nodeId.starts_with("local:"));
-  EXPECT_EQ(node.title, copyName("a", "My-Mac-Book"));
+  EXPECT_EQ(node.title, copyName("a", "Work-Lap-top"));
   EXPECT_FALSE(node.localOnly);
   EXPECT_EQ(node.updatedAt, kNow);
 
   EXPECT_EQ(messages(),
             (Strings{"You don't have write access to “a.md”. Your edit was kept as “" +
-                         copyName("a", "My-Mac-Book") + ".md”.",
+                         copyName("a", "Work-Lap-top") + ".md”.",
                      "“a.md” changed elsewhere after you started editing it. Your version was "
                      "saved as “" +
-                         copyName("a", "My-Mac-Book", " 2") + ".md”."}));
+                         copyName("a", "Work-Lap-top", " 2") + ".md”."}));
 
   // A name with nothing left after trimming; a refused create removes the
   // local-only node and makes the copy's missing folders.
