@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::string_view kFolderPrefix = "dir:";
 constexpr std::string_view kMovingPrefix = "/moving:";
+constexpr std::string_view kLocalPrefix = "local:";
 
 // Adds the proper ancestors of `path` to `folders`. Walking from the longest
 // one down lets it stop at the first one already there: that one's own
@@ -67,10 +68,25 @@ class Planner {
       : store_(store), brainId_(brainId), cursor_(cursor) {}
 
   ResetPlan wipe() {
+    const std::unordered_set<std::string> awaited = awaitingUpload();
     for (const NodeRecord& node : store_.nodes(brainId_)) {
-      if (!node.localOnly) remove(node.nodeId);
+      if (!node.localOnly && !awaited.contains(node.nodeId)) remove(node.nodeId);
     }
     return std::move(plan_);
+  }
+
+  // Nodes made here that a waiting create will upload (a new file, a
+  // conflicted copy): like local-only ones they exist only on this
+  // computer, and dropping them would hide the item until its upload.
+  std::unordered_set<std::string> awaitingUpload() {
+    std::unordered_set<std::string> ids;
+    for (const PendingChange& change : store_.pendingChanges(brainId_)) {
+      if (change.changeKind == PendingChangeKind::create && change.nodeId &&
+          startsWith(*change.nodeId, kLocalPrefix)) {
+        ids.insert(*change.nodeId);
+      }
+    }
+    return ids;
   }
 
   ResetPlan apply(const std::vector<SnapshotNode>& fullSnapshot) {
@@ -107,6 +123,7 @@ class Planner {
     }
 
     // The paths of stored nodes that stay without being in the snapshot.
+    const std::unordered_set<std::string> awaited = awaitingUpload();
     std::unordered_set<std::string_view> kept;
     for (std::size_t i = 0; i < stored.size(); ++i) {
       if (inSnapshot[i]) continue;
@@ -115,7 +132,7 @@ class Planner {
       // held it; otherwise a kept local or "dir:" row (the folder made from
       // the feed, now listed with the server's own id) would collide with it.
       bool pathTaken = snapshotPaths.contains(node.path);
-      bool keptLocal = node.localOnly && !pathTaken;
+      bool keptLocal = (node.localOnly || awaited.contains(node.nodeId)) && !pathTaken;
       bool keptFolder = startsWith(node.nodeId, kFolderPrefix) && !pathTaken &&
                         impliedFolders.contains(node.path);
       if (keptLocal || keptFolder) {

@@ -13,14 +13,15 @@ namespace synckit {
 
 // Rewrites one brain's node tree to a full snapshot from the server, when the
 // feed could not continue from our cursor. Local items that were never
-// uploaded survive unless the snapshot puts something at their path; folders
+// uploaded (local-only nodes, and "local:" nodes a waiting create will
+// upload) survive unless the snapshot puts something at their path; folders
 // the snapshot only implies (a/b for a/b/c.md) are made as "dir:" nodes.
 // Every row written or removed gets a change-log row, the brain's own-write
 // marks are dropped and its cursor becomes the snapshot's.
 namespace ResetPlanner {
 
 // Brings `brainId` to `snapshot` and stores `cursor`; without a cursor every
-// node except the local-only ones is removed and nothing is downloaded.
+// node except the local items above is removed and nothing is downloaded.
 //
 // The caller holds the store's write transaction (the conflict resolver's
 // reset reconciliation): the planner does not open one, so a throw part-way

@@ -86,6 +86,14 @@ TEST_F(ResetPlannerTest, WithoutCursorOnlyLocalOnlyNodesStayAndOwnWritesGo) {
 TEST_F(ResetPlannerTest, StoredNodesOutsideTheSnapshotStayOnlyWhereNothingTakesTheirPath) {
   t.put("local:A", "draft.md", false, true);
   t.put("local:B", "taken.md", false, true);
+  // A conflicted copy waiting for its upload stays too; an unqueued one goes.
+  t.put("local:C", "copy.md");
+  t.put("local:D", "stray.md");
+  PendingChange create;
+  create.brainId = t.brainId;
+  create.nodeId = "local:C";
+  create.path = "copy.md";
+  t.store->enqueue(create);
   // Folders the feed made, before the server listed them with ids of its own
   // ("notes") or only implied them ("keep").
   t.put("dir:notes", "notes", true);
@@ -96,10 +104,11 @@ TEST_F(ResetPlannerTest, StoredNodesOutsideTheSnapshotStayOnlyWhereNothingTakesT
   ResetPlan plan = reset("c1", {file("n9", "taken.md", "h9"), folder("f1", "notes"),
                                 file("n1", "notes/a.md"), file("n2", "keep/b.md")});
 
-  EXPECT_EQ(t.tree(), (Strings{"draft.md=local:A", "keep=dir:keep", "keep/b.md=n2", "notes=f1",
-                               "notes/a.md=n1", "taken.md=n9"}));
+  EXPECT_EQ(t.tree(), (Strings{"copy.md=local:C", "draft.md=local:A", "keep=dir:keep",
+                               "keep/b.md=n2", "notes=f1", "notes/a.md=n1", "taken.md=n9"}));
   EXPECT_EQ(plan.deletedIdentifiers,
-            (std::vector<SyncItemIdentifier>{item("dir:notes"), item("dir:old"), item("local:B")}));
+            (std::vector<SyncItemIdentifier>{item("dir:notes"), item("dir:old"), item("local:D"),
+                                             item("local:B")}));
   EXPECT_EQ(plan.downloads,
             (std::vector<DownloadRequest>{download("n2", "keep/b.md", NodeKind::text, 1, "c1"),
                                           download("n9", "taken.md", NodeKind::blob, 1, "c1")}));
