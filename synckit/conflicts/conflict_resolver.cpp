@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "synckit/base/error.h"
+#include "synckit/base/utf8_text.h"
 #include "synckit/conflicts/conflict_detector.h"
 #include "synckit/conflicts/conflict_event_log.h"
 #include "synckit/conflicts/conflict_namer.h"
@@ -55,15 +56,6 @@ std::string quotedName(std::string_view path) {
   return "\u201c" + std::string(PathRules::lastComponent(path)) + "\u201d";
 }
 
-// Device names come from the host name or the user; only the plain white
-// space and line breaks are trimmed.
-std::string_view trimmedWhitespace(std::string_view text) {
-  constexpr std::string_view spaces = " \t\n\v\f\r";
-  const std::size_t first = text.find_first_not_of(spaces);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(spaces) - first + 1);
-}
-
 bool isContentChange(PendingChangeKind kind) {
   return kind == PendingChangeKind::create || kind == PendingChangeKind::update;
 }
@@ -100,8 +92,8 @@ ConflictHandler ConflictResolver::conflictHandler() {
   };
 }
 
-std::string ConflictResolver::deviceLabel() const {
-  std::string label = deviceName_;
+std::string ConflictResolver::deviceLabel(std::string_view deviceName) {
+  std::string label(deviceName);
   std::replace(label.begin(), label.end(), '/', '-');
   std::replace(label.begin(), label.end(), ':', '-');
   label = std::string(trimmedWhitespace(label));
@@ -127,9 +119,9 @@ ConflictCopy ConflictResolver::saveConflictCopy(const Uuid& brainId, std::string
   ConflictCopy copy;
   try {
     copy = store_.writeTransaction([&] {
-      const std::string copyPath = ConflictNamer::conflictCopyPath(originalPath, deviceLabel(), at,
-                                                                   takenPaths(brainId, avoid),
-                                                                   ConflictNamer::TimeZone::utc());
+      const std::string copyPath = ConflictNamer::conflictCopyPath(
+          originalPath, deviceLabel(deviceName_), at, takenPaths(brainId, avoid),
+          ConflictNamer::TimeZone::utc());
 
       BatchApplier applier(brainId, store_);
       applier.setEntryDate(at);
@@ -532,9 +524,9 @@ ResetReconciliation ConflictResolver::reconcileReset(
         !pathTaken(node.path)) {
       continue;
     }
-    const std::string aside =
-        ConflictNamer::conflictCopyPath(node.path, deviceLabel(), at, takenPaths(brainId, occupied),
-                                        ConflictNamer::TimeZone::utc());
+    const std::string aside = ConflictNamer::conflictCopyPath(node.path, deviceLabel(deviceName_),
+                                                              at, takenPaths(brainId, occupied),
+                                                              ConflictNamer::TimeZone::utc());
     BatchApplier applier(brainId, store_);
     applier.setEntryDate(at);
     applier.ensureAncestors(aside);

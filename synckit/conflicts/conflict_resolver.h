@@ -122,6 +122,10 @@ class ConflictResolver {
   static std::vector<PendingChange> collidingPending(const std::vector<FeedEntry>& entries,
                                                      const std::vector<PendingChange>& pending);
 
+  // The name conflicted copies carry for this device: `deviceName` with "/"
+  // and ":" as "-", trimmed, "Computer" when nothing is left. Pure.
+  static std::string deviceLabel(std::string_view deviceName);
+
  private:
   enum class Reason { remoteEdit, reset, writeRefused, staleEdit };
 
@@ -138,7 +142,6 @@ class ConflictResolver {
   void recordSubtree(const Uuid& brainId, std::string_view path);
   void appendRefusal(const Uuid& brainId, std::string_view path, std::string_view what);
   void removeQuietly(const std::string& spoolKey) const;
-  std::string deviceLabel() const;
 
   MetadataStore& store_;
   std::string deviceName_;

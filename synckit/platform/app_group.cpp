@@ -29,42 +29,6 @@ std::filesystem::path applicationSupport(const std::filesystem::path& container)
   return container / "Library" / "Application Support" / "Halvark";
 }
 
-// Length of the white space or line break that starts `text`, 0 when there
-// is none. Covers the Unicode white space characters a pasted URL may carry
-// (no-break space, line and paragraph separators, ideographic space, ...).
-std::size_t leadingSpaceLength(std::string_view text) {
-  // clang-format off
-  static constexpr std::string_view spaces[] = {
-      " ", "\t", "\n", "\v", "\f", "\r",
-      "\xC2\x85", "\xC2\xA0", "\xE1\x9A\x80",
-      "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82", "\xE2\x80\x83", "\xE2\x80\x84",
-      "\xE2\x80\x85", "\xE2\x80\x86", "\xE2\x80\x87", "\xE2\x80\x88", "\xE2\x80\x89",
-      "\xE2\x80\x8A", "\xE2\x80\xA8", "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F",
-      "\xE3\x80\x80"};
-  // clang-format on
-  for (std::string_view space : spaces) {
-    if (text.starts_with(space)) return space.size();
-  }
-  return 0;
-}
-
-std::size_t trailingSpaceLength(std::string_view text) {
-  // Every space above is at most three bytes long; try the longest suffix first
-  // so that a multi-byte space is not mistaken for a shorter one.
-  for (std::size_t length = 3; length >= 1; --length) {
-    if (text.size() < length) continue;
-    std::string_view tail = text.substr(text.size() - length);
-    if (leadingSpaceLength(tail) == length) return length;
-  }
-  return 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-  while (std::size_t n = leadingSpaceLength(text)) text.remove_prefix(n);
-  while (std::size_t n = trailingSpaceLength(text)) text.remove_suffix(n);
-  return text;
-}
-
 }  // namespace
 
 std::string identifier() {
@@ -113,7 +77,7 @@ std::string baseURL() {
 std::string resolveBaseURL(const std::optional<std::string>& override) {
   const std::string fallback(AppIdentity::defaultBaseURL);
   if (!override) return fallback;
-  std::string_view text = trimmed(*override);
+  std::string_view text = trimmedWhitespace(*override);
   if (text.empty()) return fallback;
   auto url = URLComponents::parse(text);
   if (!url || !url->scheme) return fallback;
