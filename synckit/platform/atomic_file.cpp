@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "synckit/base/crash_point.h"
 #include "synckit/base/error.h"
 
 namespace synckit::AtomicFile {
@@ -81,6 +82,7 @@ void write(const std::filesystem::path& file, std::span<const std::uint8_t> data
     writeAll(fd.get(), data);
     if (::fsync(fd.get()) != 0) throwErrno();
     fd.closeChecked();
+    crashPoint();
     if (::rename(pattern.c_str(), file.c_str()) != 0) throwErrno();
   } catch (...) {
     ::unlink(pattern.c_str());
@@ -113,6 +115,7 @@ std::optional<Bytes> readPrivate(const std::filesystem::path& file) {
 }
 
 bool remove(const std::filesystem::path& file) {
+  crashPoint();
   if (::unlink(file.c_str()) == 0) return true;
   if (errno == ENOENT) return false;
   throwErrno();

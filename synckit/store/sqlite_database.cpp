@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "synckit/base/crash_point.h"
+
 namespace synckit {
 namespace {
 
@@ -229,6 +231,7 @@ std::vector<SQLiteRow> SQLiteDatabase::query(std::string_view sql,
 void SQLiteDatabase::begin(bool immediate) { execute(immediate ? "BEGIN IMMEDIATE" : "BEGIN"); }
 
 void SQLiteDatabase::commit() {
+  crashPoint();
   try {
     execute("COMMIT");
   } catch (...) {
