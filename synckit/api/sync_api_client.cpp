@@ -13,7 +13,6 @@
 namespace synckit {
 namespace {
 
-constexpr std::chrono::milliseconds requestTimeout{60000};
 constexpr std::string_view jsonType = "application/json";
 
 // A shared_ptr that does not own: lets the borrowing constructor share the
@@ -28,11 +27,16 @@ Bytes bytesOf(std::string text) { return Bytes(text.begin(), text.end()); }
 }  // namespace
 
 SyncAPIClient::SyncAPIClient(std::string baseURL, std::shared_ptr<HTTPTransport> transport,
-                             std::shared_ptr<TokenProviding> tokens)
-    : baseURL_(std::move(baseURL)), transport_(std::move(transport)), tokens_(std::move(tokens)) {}
+                             std::shared_ptr<TokenProviding> tokens,
+                             std::chrono::milliseconds requestTimeout)
+    : baseURL_(std::move(baseURL)),
+      transport_(std::move(transport)),
+      tokens_(std::move(tokens)),
+      requestTimeout_(requestTimeout) {}
 
-SyncAPIClient::SyncAPIClient(std::string baseURL, HTTPTransport& transport, TokenProviding& tokens)
-    : SyncAPIClient(std::move(baseURL), borrowed(transport), borrowed(tokens)) {}
+SyncAPIClient::SyncAPIClient(std::string baseURL, HTTPTransport& transport, TokenProviding& tokens,
+                             std::chrono::milliseconds requestTimeout)
+    : SyncAPIClient(std::move(baseURL), borrowed(transport), borrowed(tokens), requestTimeout) {}
 
 std::vector<std::string> SyncAPIClient::brainSegments(const Uuid& brainId, std::string_view last) {
   return {"api", "sync", "brains", brainId.toLowerString(), std::string(last)};
@@ -45,7 +49,7 @@ HTTPResponse SyncAPIClient::send(const Endpoint& endpoint, Bytes body) const {
   // and a provider failure leaves the transport untouched.
   const std::string token = tokens_->currentAccessToken();
   request.method = endpoint.method;
-  request.timeout = requestTimeout;
+  request.timeout = requestTimeout_;
   request.headers.emplace_back("Authorization", "Bearer " + token);
   request.headers.emplace_back("Accept", endpoint.accept);
   if (endpoint.contentType) request.headers.emplace_back("Content-Type", *endpoint.contentType);

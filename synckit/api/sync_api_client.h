@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -35,11 +36,16 @@ namespace synckit {
 // once. The transport and token provider must be safe for that too.
 class SyncAPIClient {
  public:
+  // How long one request may take before the transport gives up on it.
+  static constexpr std::chrono::milliseconds defaultRequestTimeout{60000};
+
   // Shares ownership of the transport and the token provider.
   SyncAPIClient(std::string baseURL, std::shared_ptr<HTTPTransport> transport,
-                std::shared_ptr<TokenProviding> tokens);
+                std::shared_ptr<TokenProviding> tokens,
+                std::chrono::milliseconds requestTimeout = defaultRequestTimeout);
   // Borrows them; both must outlive the client.
-  SyncAPIClient(std::string baseURL, HTTPTransport& transport, TokenProviding& tokens);
+  SyncAPIClient(std::string baseURL, HTTPTransport& transport, TokenProviding& tokens,
+                std::chrono::milliseconds requestTimeout = defaultRequestTimeout);
 
   const std::string& baseURL() const noexcept { return baseURL_; }
 
@@ -49,7 +55,8 @@ class SyncAPIClient {
   ChangesResponse fetchChanges(const Uuid& brainId, const std::optional<std::string>& cursor,
                                const std::string& deviceId) const;
   // `at` is the caller's opaque version text, passed through unchanged.
-  DownloadedFile readFile(const Uuid& brainId, const std::string& path, const std::string& at) const;
+  DownloadedFile readFile(const Uuid& brainId, const std::string& path,
+                          const std::string& at) const;
   WriteResult putText(const Uuid& brainId, const std::string& deviceId, const std::string& path,
                       const std::optional<std::string>& title, const std::string& body) const;
   WriteResult putBlobFile(const Uuid& brainId, const std::string& deviceId, const std::string& path,
@@ -57,7 +64,8 @@ class SyncAPIClient {
                           std::int64_t blobSize) const;
   WriteResult move(const Uuid& brainId, const std::string& deviceId, const std::string& fromPath,
                    const std::string& toPath) const;
-  DeleteResult deleteFile(const Uuid& brainId, const std::string& deviceId, const std::string& path) const;
+  DeleteResult deleteFile(const Uuid& brainId, const std::string& deviceId,
+                          const std::string& path) const;
   BlobReceipt uploadBlob(const Uuid& brainId, const std::string& deviceId, Bytes data) const;
 
   // The error for an answer outside 200-299: the server's error envelope when
@@ -84,6 +92,7 @@ class SyncAPIClient {
   const std::string baseURL_;
   const std::shared_ptr<HTTPTransport> transport_;
   const std::shared_ptr<TokenProviding> tokens_;
+  const std::chrono::milliseconds requestTimeout_;
 };
 
 }  // namespace synckit
