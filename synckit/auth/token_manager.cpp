@@ -8,12 +8,12 @@
 #include "synckit/auth/oauth_error.h"
 #include "synckit/base/cancellation.h"
 #include "synckit/base/crypto.h"
+#include "synckit/base/metadata_store_error.h"
 #include "synckit/base/uuid.h"
 #include "synckit/platform/app_identity.h"
 #include "synckit/platform/keychain_token_store_error.h"
 #include "synckit/store/meta_key.h"
 #include "synckit/store/metadata_store.h"
-#include "synckit/base/metadata_store_error.h"
 #include "synckit/store/sqlite_error.h"
 
 namespace synckit {

@@ -4,8 +4,8 @@
 
 #include <fstream>
 
-#include "synckit/platform/app_identity.h"
 #include "synckit/base/metadata_store_error.h"
+#include "synckit/platform/app_identity.h"
 #include "synckit/testing/scoped_environment.h"
 #include "synckit/testing/temporary_directory.h"
 
