@@ -46,7 +46,8 @@ struct ConflictSpool {
   static std::string nodeKey(std::string_view nodeId);
 
   // Deletes every edit and copy whose pending change `isPendingChange`
-  // denies and every node entry whose node `isKnownNode` denies; leaves
+  // denies, every node entry whose node `isKnownNode` denies, and
+  // temporaries of writes that a crash cut short over an hour ago; leaves
   // names it does not recognise. The first file that cannot be deleted ends
   // the pass with its error.
   void prune(const std::function<bool(std::int64_t id)>& isPendingChange,

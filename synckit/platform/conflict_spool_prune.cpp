@@ -1,5 +1,6 @@
 // Pruning: which spool files no pending change or node needs any more.
 #include <charconv>
+#include <chrono>
 #include <system_error>
 
 #include "synckit/base/error.h"
@@ -60,6 +61,22 @@ std::vector<std::filesystem::path> listFiles(const std::filesystem::path& direct
   return files;
 }
 
+// AtomicFile's temporary for `name`: "." + name + "." + six characters.
+bool isTemporaryName(std::string_view name) {
+  return name.size() > 8 && name.starts_with('.') && name[name.size() - 7] == '.';
+}
+
+// A temporary this old belongs to a write that a crash cut short: nothing
+// will rename it any more, and the entry it was meant to replace is intact.
+// Younger ones may be a write in progress in the other process.
+constexpr auto kAbandonedAfter = std::chrono::hours(1);
+
+bool isAbandoned(const std::filesystem::path& file) {
+  std::error_code error;
+  auto modified = std::filesystem::last_write_time(file, error);
+  return !error && std::filesystem::file_time_type::clock::now() - modified > kAbandonedAfter;
+}
+
 }  // namespace
 
 void ConflictSpool::prune(const std::function<bool(std::int64_t id)>& isPendingChange,
@@ -79,6 +96,8 @@ void ConflictSpool::prune(const std::function<bool(std::int64_t id)>& isPendingC
       // Node ids are compared as text, so bytes that are not UTF-8 compare
       // as the text a decoder makes of them.
       obsolete = bytes && !isKnownNode(decodeUTF8Lossy(*bytes));
+    } else if (isTemporaryName(view)) {
+      obsolete = isAbandoned(file);
     }
     if (obsolete) AtomicFile::remove(file);
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <set>
@@ -73,6 +74,18 @@ TEST(ConflictSpoolTest, AFailedWriteKeepsThePreviousContent) {
 
   EXPECT_EQ(spool.read("edit-3"), toBytes("kept"));
   EXPECT_EQ(entryNames(spool.directory), (std::set<std::string>{"edit-3"}));
+
+  // A crash between writing a temporary and renaming it leaves the
+  // temporary behind; pruning clears it once no write can still own it.
+  for (const char* name : {".edit-3.a1B2c3", ".copy-4.zzzzzz", ".notes.txt"}) {
+    std::ofstream(spool.directory / name) << "partial";
+  }
+  auto old = std::filesystem::file_time_type::clock::now() - std::chrono::hours(2);
+  std::filesystem::last_write_time(spool.directory / ".edit-3.a1B2c3", old);
+  std::filesystem::last_write_time(spool.directory / ".notes.txt", old);
+  spool.prune([](std::int64_t) { return true; }, [](const std::string&) { return true; });
+  EXPECT_EQ(entryNames(spool.directory),
+            (std::set<std::string>{"edit-3", ".copy-4.zzzzzz", ".notes.txt"}));
 }
 
 TEST(ConflictSpoolTest, EditAndCopyOfOneChangeExcludeEachOther) {
