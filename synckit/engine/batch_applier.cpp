@@ -26,11 +26,13 @@ BatchApplier::BatchApplier(const Uuid& brainId, MetadataStore& store)
     : brainId_(brainId), store_(store), entryDate_(Timestamp::now()) {}
 
 bool BatchApplier::knownIsCurrent() {
+  if (verified_) return true;
   const auto stamp = store_.exclusiveChangeCount();
   if (!stamp || stamp != known_.stamp) {
     known_ = Known{};
     known_.stamp = stamp;
   }
+  verified_ = depth_ > 0 && stamp.has_value();
   return stamp.has_value();
 }
 
@@ -42,6 +44,7 @@ void BatchApplier::restamp() {
   const auto stamp = store_.exclusiveChangeCount();
   if (!stamp || *stamp != *known_.stamp + 1) known_ = Known{};
   known_.stamp = stamp;
+  verified_ = depth_ > 0 && stamp.has_value();
 }
 
 void BatchApplier::remember(const NodeRecord& record) {
@@ -67,6 +70,7 @@ bool BatchApplier::insideCompleteFolder(std::string_view path) const {
 }
 
 std::optional<NodeRecord> BatchApplier::nodeAtPath(std::string_view path) {
+  Operation operation(*this);
   const bool current = knownIsCurrent();
   if (current) {
     if (auto known = known_.byPath.find(path); known != known_.byPath.end()) return known->second;
@@ -81,15 +85,6 @@ std::optional<NodeRecord> BatchApplier::nodeAtPath(std::string_view path) {
     }
   }
   return node;
-}
-
-std::optional<NodeRecord> BatchApplier::nodeWithId(const std::string& nodeId) {
-  if (knownIsCurrent()) {
-    if (auto known = known_.pathById.find(nodeId); known != known_.pathById.end()) {
-      return known_.byPath.at(known->second);
-    }
-  }
-  return store_.nodeWithId(brainId_, nodeId);
 }
 
 // Writes keep what is known only when it was current just before.
@@ -135,6 +130,7 @@ NodeRecord BatchApplier::folderRecord(std::string_view path, std::string title) 
 
 void BatchApplier::applyCreate(std::string_view path, std::string_view title, bool isDirectory,
                                NodeKind kind) {
+  Operation operation(*this);
   ensureAncestors(path);
 
   NodeRecord record;
@@ -161,6 +157,7 @@ void BatchApplier::applyCreate(std::string_view path, std::string_view title, bo
 
 void BatchApplier::applyUpdate(std::string_view path, const std::optional<std::string>& title,
                                bool bodyChanged, std::optional<NodeKind> kind) {
+  Operation operation(*this);
   auto node = nodeAtPath(path);
   if (!node) {
     applyCreate(path, title ? std::string_view(*title) : lastComponent(path), false,
@@ -187,6 +184,7 @@ void BatchApplier::applyUpdate(std::string_view path, const std::optional<std::s
 }
 
 void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath) {
+  Operation operation(*this);
   if (fromPath == toPath) return;
   if (toPath.size() > fromPath.size() && toPath[fromPath.size()] == '/' &&
       toPath.starts_with(fromPath)) {
@@ -210,16 +208,19 @@ void BatchApplier::applyMove(std::string_view fromPath, std::string_view toPath)
     } else {
       // "UPDATE nodes SET path = ? WHERE brain_id = ? AND node_id = ?"
       store_.updateNodePath(brainId_, record.nodeId, newPath);
+      verified_ = false;  // a row changed without restamp
       recordChange(record.nodeId, false);
     }
   }
 }
 
 void BatchApplier::ensureAncestors(std::string_view path) {
+  Operation operation(*this);
   for (std::string_view ancestor : properAncestors(path)) ensureDirectory(ancestor);
 }
 
 void BatchApplier::ensureDirectory(std::string_view path) {
+  Operation operation(*this);
   if (auto node = nodeAtPath(path)) {
     if (node->isDirectory) return;
     deleteSubtree(path);
@@ -232,6 +233,7 @@ void BatchApplier::ensureDirectory(std::string_view path) {
 
 bool BatchApplier::deleteSubtree(std::string_view path,
                                  const std::unordered_set<std::string>& sparing) {
+  Operation operation(*this);
   return store_.withLock([&] {
     bool deleted = false;
     for (const NodeRecord& record : store_.subtree(brainId_, path)) {
@@ -246,6 +248,7 @@ bool BatchApplier::deleteSubtree(std::string_view path,
 }
 
 void BatchApplier::rekeyDirectory(const NodeRecord& record, std::string_view newPath) {
+  Operation operation(*this);
   NodeRecord rekeyed = record;
   rekeyed.nodeId = directoryId(newPath);
   rekeyed.path = std::string(newPath);
@@ -260,6 +263,7 @@ void BatchApplier::rekeyDirectory(const NodeRecord& record, std::string_view new
 }
 
 void BatchApplier::recordChange(const std::string& nodeId, bool deleted) {
+  Operation operation(*this);
   const bool current = knownIsCurrent();
   store_.recordChange(SyncItemIdentifier::node(brainId_, nodeId), deleted);
   if (current) restamp();
@@ -280,8 +284,18 @@ std::vector<DownloadRequest> BatchApplier::downloadRequests(
     const std::optional<std::string>& cursor) {
   std::vector<DownloadRequest> requests;
   requests.reserve(downloadNodeIds_.size());
+  // Only reads follow, so one look at the change count covers them all.
+  const bool current = knownIsCurrent();
   for (const std::string& nodeId : downloadNodeIds_) {
-    auto node = nodeWithId(nodeId);
+    if (auto known = current ? known_.pathById.find(nodeId) : known_.pathById.end();
+        known != known_.pathById.end()) {
+      const auto& node = known_.byPath.at(known->second);
+      if (!node || node->isDirectory) continue;
+      requests.push_back(
+          DownloadRequest{brainId_, nodeId, node->path, node->kind, node->contentVersion, cursor});
+      continue;
+    }
+    auto node = store_.nodeWithId(brainId_, nodeId);
     if (!node || node->isDirectory) continue;
     requests.push_back(DownloadRequest{brainId_, nodeId, std::move(node->path), node->kind,
                                        node->contentVersion, cursor});

@@ -121,12 +121,29 @@ class BatchApplier {
     TextSet completeFolders;
   };
 
+  // Marks one public call for as long as it runs. What the change count said
+  // holds until control goes back to the caller, who may write in between;
+  // within the call only the applier's own statements move the count, and
+  // restamp accounts for those.
+  class Operation {
+   public:
+    explicit Operation(BatchApplier& applier) noexcept : applier_(applier) { ++applier_.depth_; }
+    ~Operation() {
+      if (--applier_.depth_ == 0) applier_.verified_ = false;
+    }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+
+   private:
+    BatchApplier& applier_;
+  };
+
   bool knownIsCurrent();
   void restamp();
+
   void remember(const NodeRecord& record);
   void rememberGone(const NodeRecord& record);
   bool insideCompleteFolder(std::string_view path) const;
-  std::optional<NodeRecord> nodeWithId(const std::string& nodeId);
   void upsert(const NodeRecord& record);
   void remove(const NodeRecord& record);
   void learnNewFolder(std::string_view path);
@@ -141,6 +158,10 @@ class BatchApplier {
   std::unordered_set<std::string> downloadSet_;
   Timestamp entryDate_;
   Known known_;
+  int depth_ = 0;
+  // known_.stamp was the store's count when last asked, within the current
+  // public call.
+  bool verified_ = false;
 };
 
 }  // namespace synckit
