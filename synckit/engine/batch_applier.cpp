@@ -47,18 +47,29 @@ void BatchApplier::restamp() {
   verified_ = depth_ > 0 && stamp.has_value();
 }
 
-void BatchApplier::remember(const NodeRecord& record) {
-  auto [byId, added] = known_.pathById.try_emplace(record.nodeId, record.path);
-  if (!added && byId->second != record.path) {
-    known_.byPath.insert_or_assign(byId->second, std::nullopt);
-    byId->second = record.path;
+// Empties a byPath entry that holds a node, keeping byId in step.
+void BatchApplier::forgetNode(RecordMap::value_type& entry) {
+  known_.byId.erase(entry.second->nodeId);
+  entry.second.reset();
+}
+
+void BatchApplier::remember(NodeRecord record) {
+  // A node known elsewhere has left its old path.
+  if (auto byId = known_.byId.find(record.nodeId); byId != known_.byId.end()) {
+    forgetNode(*byId->second);
   }
-  known_.byPath.insert_or_assign(record.path, record);
+  auto [entry, added] = known_.byPath.try_emplace(record.path);
+  if (!added && entry->second) forgetNode(*entry);
+  entry->second = std::move(record);
+  known_.byId.emplace(entry->second->nodeId, &*entry);
 }
 
 void BatchApplier::rememberGone(const NodeRecord& record) {
-  known_.pathById.erase(record.nodeId);
-  known_.byPath.insert_or_assign(record.path, std::nullopt);
+  if (auto byId = known_.byId.find(record.nodeId); byId != known_.byId.end()) {
+    forgetNode(*byId->second);
+  }
+  auto [entry, added] = known_.byPath.try_emplace(record.path);
+  if (!added && entry->second) forgetNode(*entry);
 }
 
 bool BatchApplier::insideCompleteFolder(std::string_view path) const {
@@ -97,6 +108,15 @@ void BatchApplier::upsert(const NodeRecord& record) {
   }
 }
 
+void BatchApplier::upsert(NodeRecord&& record) {
+  const bool current = knownIsCurrent();
+  store_.upsertNode(record);
+  if (current) {
+    remember(std::move(record));
+    restamp();
+  }
+}
+
 void BatchApplier::remove(const NodeRecord& record) {
   const bool current = knownIsCurrent();
   store_.deleteNode(brainId_, record.nodeId);
@@ -111,7 +131,7 @@ void BatchApplier::remove(const NodeRecord& record) {
 void BatchApplier::learnNewFolder(std::string_view path) {
   if (!knownIsCurrent()) return;
   auto below = store_.descendants(brainId_, path);
-  for (const NodeRecord& node : below) remember(node);
+  for (NodeRecord& node : below) remember(std::move(node));
   known_.completeFolders.emplace(path);
 }
 
@@ -146,12 +166,14 @@ void BatchApplier::applyCreate(std::string_view path, std::string_view title, bo
     record.updatedAt = entryDate_;
     record.contentVersion = 1;
   }
-  upsert(record);
-  recordChange(record.nodeId, false);
+  // The record itself moves into what is known.
+  const std::string nodeId = record.nodeId;
+  upsert(std::move(record));
+  recordChange(nodeId, false);
   if (isDirectory) {
     learnNewFolder(path);
   } else {
-    queueDownload(record.nodeId);
+    queueDownload(nodeId);
   }
 }
 
@@ -226,8 +248,9 @@ void BatchApplier::ensureDirectory(std::string_view path) {
     deleteSubtree(path);
   }
   NodeRecord folder = folderRecord(path, std::string(lastComponent(path)));
-  upsert(folder);
-  recordChange(folder.nodeId, false);
+  const std::string nodeId = folder.nodeId;
+  upsert(std::move(folder));
+  recordChange(nodeId, false);
   learnNewFolder(path);
 }
 
@@ -287,10 +310,10 @@ std::vector<DownloadRequest> BatchApplier::downloadRequests(
   // Only reads follow, so one look at the change count covers them all.
   const bool current = knownIsCurrent();
   for (const std::string& nodeId : downloadNodeIds_) {
-    if (auto known = current ? known_.pathById.find(nodeId) : known_.pathById.end();
-        known != known_.pathById.end()) {
-      const auto& node = known_.byPath.at(known->second);
-      if (!node || node->isDirectory) continue;
+    if (auto known = current ? known_.byId.find(nodeId) : known_.byId.end();
+        known != known_.byId.end()) {
+      const auto& node = known->second->second;
+      if (node->isDirectory) continue;
       requests.push_back(
           DownloadRequest{brainId_, nodeId, node->path, node->kind, node->contentVersion, cursor});
       continue;

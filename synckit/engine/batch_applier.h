@@ -102,9 +102,11 @@ class BatchApplier {
 
  private:
   // Hashes std::string and std::string_view alike, for lookups by view.
+  // Deliberately not noexcept: libstdc++ then stores each key's hash in its
+  // node, so growing a table of long paths does not hash them all again.
   struct TextHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view text) const noexcept {
+    std::size_t operator()(std::string_view text) const {
       return std::hash<std::string_view>()(text);
     }
   };
@@ -112,11 +114,16 @@ class BatchApplier {
 
   // What this applier knows of the brain's nodes, valid while the store's
   // exclusive change count equals `stamp`.
+  using RecordMap =
+      std::unordered_map<std::string, std::optional<NodeRecord>, TextHash, std::equal_to<>>;
   struct Known {
     std::optional<std::int64_t> stamp;
     // A path's node, or none when it is known to be free.
-    std::unordered_map<std::string, std::optional<NodeRecord>, TextHash, std::equal_to<>> byPath;
-    std::unordered_map<std::string, std::string, TextHash, std::equal_to<>> pathById;
+    RecordMap byPath;
+    // The byPath entry of every node held there, keyed by a view of that
+    // node's own id: entries stay put while the map grows, and an entry's
+    // node is unlisted here before it is replaced or dropped.
+    std::unordered_map<std::string_view, RecordMap::value_type*, TextHash> byId;
     // Folders whose every descendant is in byPath.
     TextSet completeFolders;
   };
@@ -141,10 +148,12 @@ class BatchApplier {
   bool knownIsCurrent();
   void restamp();
 
-  void remember(const NodeRecord& record);
+  void remember(NodeRecord record);
   void rememberGone(const NodeRecord& record);
+  void forgetNode(RecordMap::value_type& entry);
   bool insideCompleteFolder(std::string_view path) const;
   void upsert(const NodeRecord& record);
+  void upsert(NodeRecord&& record);
   void remove(const NodeRecord& record);
   void learnNewFolder(std::string_view path);
 

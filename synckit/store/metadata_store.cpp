@@ -318,8 +318,15 @@ std::int64_t MetadataStore::recordChange(const SyncItemIdentifier& identifier, b
   Lock guard(lock_);
   const auto brainId = identifier.brainId();
   const Uuid::Text brainText = brainId ? brainId->toText() : Uuid::Text{};
+  // Node rows, by far the most, reuse the brain text formatted above.
+  std::string identifierText;
+  if (const auto* node = std::get_if<SyncItemIdentifier::Node>(&identifier.value)) {
+    SyncItemIdentifier::writeNodeString(identifierText, brainText, node->nodeId);
+  } else {
+    identifierText = identifier.string();
+  }
   database_.execute(StoreSQL::insertChange, arguments(brainId ? text(brainText) : text(""),
-                                                      text(identifier.string()), boolean(deleted)));
+                                                      text(identifierText), boolean(deleted)));
   return database_.lastInsertRowID();
 }
 

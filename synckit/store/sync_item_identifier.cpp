@@ -43,17 +43,22 @@ std::string SyncItemIdentifier::string() const {
     }
     case Kind::node: {
       const Node& node = std::get<Node>(value);
-      const Uuid::Text brainId = node.brainId.toText();
       std::string text;
-      text.reserve(kNodePrefix.size() + brainId.size() + 1 + node.nodeId.size());
-      text.append(kNodePrefix).append(brainId.data(), brainId.size()).append(1, ':');
-      text.append(node.nodeId);
+      writeNodeString(text, node.brainId.toText(), node.nodeId);
       return text;
     }
     case Kind::root:
       break;
   }
   return std::string(kRoot);
+}
+
+void SyncItemIdentifier::writeNodeString(std::string& buffer, const Uuid::Text& brainId,
+                                         std::string_view nodeId) {
+  buffer.clear();
+  buffer.reserve(kNodePrefix.size() + brainId.size() + 1 + nodeId.size());
+  buffer.append(kNodePrefix).append(brainId.data(), brainId.size()).append(1, ':');
+  buffer.append(nodeId);
 }
 
 std::optional<Uuid> SyncItemIdentifier::brainId() const {

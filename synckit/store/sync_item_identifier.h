@@ -51,6 +51,10 @@ struct SyncItemIdentifier {
 
   Kind kind() const noexcept { return static_cast<Kind>(value.index()); }
   std::string string() const;
+  // Replaces `buffer` with the string form of node(brainId, nodeId) from an
+  // already formatted brain UUID, for callers that have that text at hand.
+  static void writeNodeString(std::string& buffer, const Uuid::Text& brainId,
+                              std::string_view nodeId);
   // The brain the item belongs to; absent for the root.
   std::optional<Uuid> brainId() const;
 
