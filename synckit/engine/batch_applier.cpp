@@ -158,7 +158,9 @@ void BatchApplier::applyCreate(std::string_view path, std::string_view title, bo
     record = folderRecord(path, std::string(title));
   } else {
     record.brainId = brainId_;
-    record.nodeId = std::string(kLocalPrefix) + Uuid::random().toString();
+    const Uuid::Text localId = Uuid::random().toText();
+    record.nodeId.reserve(kLocalPrefix.size() + localId.size());
+    record.nodeId.append(kLocalPrefix).append(localId.data(), localId.size());
     record.path = std::string(path);
     record.title = std::string(title);
     record.isDirectory = false;

@@ -318,8 +318,9 @@ std::int64_t MetadataStore::recordChange(const SyncItemIdentifier& identifier, b
   Lock guard(lock_);
   const auto brainId = identifier.brainId();
   const Uuid::Text brainText = brainId ? brainId->toText() : Uuid::Text{};
-  // Node rows, by far the most, reuse the brain text formatted above.
-  std::string identifierText;
+  // Node rows, by far the most, reuse the brain text formatted above, and
+  // every row of a thread reuses one buffer (it is only bound, not kept).
+  thread_local std::string identifierText;
   if (const auto* node = std::get_if<SyncItemIdentifier::Node>(&identifier.value)) {
     SyncItemIdentifier::writeNodeString(identifierText, brainText, node->nodeId);
   } else {
