@@ -10,14 +10,8 @@
 namespace synckit {
 namespace {
 
+using testing::entryNames;
 using testing::TemporaryDirectory;
-
-std::set<std::string> entryNames(const std::filesystem::path& directory) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    names.insert(entry.path().filename());
-  return names;
-}
 
 void touch(const std::filesystem::path& file) { std::ofstream(file) << "x"; }
 

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -34,5 +35,13 @@ class TemporaryDirectory {
  private:
   std::filesystem::path path_;
 };
+
+// The names of the entries directly inside `directory`.
+inline std::set<std::string> entryNames(const std::filesystem::path& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.insert(entry.path().filename());
+  return names;
+}
 
 }  // namespace synckit::testing
