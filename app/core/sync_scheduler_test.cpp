@@ -16,6 +16,7 @@
 #include "synckit/platform/sync_signal.h"
 #include "synckit/store/meta_key.h"
 #include "synckit/store/sqlite_database.h"
+#include "synckit/testing/eventually.h"
 #include "synckit/testing/fake_clock.h"
 #include "synckit/testing/fake_http_transport.h"
 #include "synckit/testing/in_memory_token_store.h"
@@ -36,15 +37,7 @@ const Uuid brainB = *Uuid::parse("0B000000-0000-4000-8000-000000000002");
 const std::string forbiddenText =
     "This computer's registration was not accepted by the server. Sign out and sign in again.";
 
-// Waits (in real time, bounded) until `condition` holds.
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+using synckit::testing::eventually;
 
 std::string brainJSON(const Uuid& id, const std::string& slug) {
   return R"({"id":")" + id.toLowerString() + R"(","teamId":"t","name":")" + slug + R"(","slug":")" +

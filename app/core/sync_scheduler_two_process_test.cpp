@@ -24,6 +24,7 @@
 #include "synckit/platform/sync_execution_owner.h"
 #include "synckit/platform/sync_signal.h"
 #include "synckit/store/meta_key.h"
+#include "synckit/testing/eventually.h"
 #include "synckit/testing/fake_clock.h"
 #include "synckit/testing/fake_http_transport.h"
 #include "synckit/testing/in_memory_token_store.h"
@@ -58,14 +59,7 @@ std::optional<char> receiveByte(int fd) {
   return byte;
 }
 
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+using synckit::testing::eventually;
 
 // The second process. It shares nothing with the test but the container,
 // the runtime directory and two pipes, and leaves with _exit so that none of

@@ -27,6 +27,7 @@
 #include "synckit/platform/sync_signal.h"
 #include "synckit/store/meta_key.h"
 #include "synckit/store/metadata_store.h"
+#include "synckit/testing/eventually.h"
 #include "synckit/testing/scoped_environment.h"
 #include "synckit/testing/temporary_directory.h"
 #include "tests/e2e/devserver_session.h"
@@ -38,15 +39,7 @@ using nlohmann::json;
 using synckit::BrainSyncStatus;
 using synckit::Uuid;
 
-// Checks `condition` every 20 ms for up to 10 s.
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
+using synckit::testing::eventually;
 
 // Hands every request to the real transport and counts the change-feed
 // requests of each brain, so a test can tell whether a brain's loop still
