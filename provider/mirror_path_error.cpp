@@ -56,4 +56,11 @@ MirrorPathError MirrorPathError::systemError(std::string path, const std::string
   return MirrorPathError(Reason::systemError, std::move(text), std::move(path), {}, code);
 }
 
+MirrorPathError MirrorPathError::unusableRoot(std::string rootPath, int code) {
+  const char* reason = strerrordesc_np(code);
+  std::string text = "The mirror folder " + quoted(rootPath) +
+                     " cannot be used: " + (reason ? reason : "Unknown error") + ".";
+  return MirrorPathError(Reason::systemError, std::move(text), std::move(rootPath), {}, code);
+}
+
 }  // namespace halvark::provider

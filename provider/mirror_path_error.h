@@ -29,6 +29,8 @@ class MirrorPathError : public synckit::Error {
   static MirrorPathError alreadyExists(std::string path);
   // `action` completes "Could not … “path”", e.g. "create the folder".
   static MirrorPathError systemError(std::string path, const std::string& action, int code);
+  // The mirror folder itself (an absolute path) cannot be made or opened.
+  static MirrorPathError unusableRoot(std::string rootPath, int code);
 
   Reason reason() const noexcept { return reason_; }
   const std::string& path() const noexcept { return path_; }
