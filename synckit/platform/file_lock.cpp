@@ -41,6 +41,19 @@ FileLock::FileLock(const std::filesystem::path& file)
   }
 }
 
+std::unique_ptr<FileLock> FileLock::tryLock(const std::filesystem::path& file) {
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) throw posixError(errno);
+  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int code = errno;
+    if (code == EINTR) continue;
+    ::close(fd);
+    if (code == EWOULDBLOCK) return nullptr;
+    throw posixError(code);
+  }
+  return std::unique_ptr<FileLock>(new FileLock(Locked{}, fd));
+}
+
 FileLock::~FileLock() {
   ::flock(fd_, LOCK_UN);
   ::close(fd_);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 
 namespace synckit {
 
@@ -14,11 +15,17 @@ class FileLock {
   // the file cannot be opened or locked, CancellationError when the wait is
   // cancelled; the file is closed again in both cases.
   explicit FileLock(const std::filesystem::path& file);
+  // Opens and locks `file` without waiting: null while another holder has
+  // it (the file is closed again). Throws PosixError as the constructor.
+  static std::unique_ptr<FileLock> tryLock(const std::filesystem::path& file);
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
 
  private:
+  struct Locked {};
+  FileLock(Locked, int fd) : fd_(fd) {}
+
   int fd_;
 };
 

@@ -192,5 +192,18 @@ TEST(SyncExecutionOwnerTest, MissingDirectoryFailsWithThePosixErrorBeforeTheBody
   EXPECT_FALSE(std::filesystem::exists(temp / "missing"));
 }
 
+TEST(SyncExecutionOwnerTest, TryLockGivesNothingWhileTheLockIsHeldAndKeepsNoDescriptor) {
+  TemporaryDirectory temp;
+  const auto file = temp / "provider.lock";
+  auto first = FileLock::tryLock(file);
+  ASSERT_NE(first, nullptr);
+  const std::size_t descriptorsBefore = openDescriptorCount();
+  EXPECT_EQ(FileLock::tryLock(file), nullptr);
+  EXPECT_EQ(openDescriptorCount(), descriptorsBefore);
+  first.reset();
+  EXPECT_NE(FileLock::tryLock(file), nullptr);
+  EXPECT_THROW(FileLock::tryLock(temp / "missing" / "provider.lock"), PosixError);
+}
+
 }  // namespace
 }  // namespace synckit
