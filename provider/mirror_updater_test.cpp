@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -449,7 +450,7 @@ TEST(MirrorUpdaterCrashTest, AnUpdateCutShortAnywhereConvergesOnTheNextOne) {
     world.changeSample(notes);
     world.putFile(notes, "new/c.md", "fresh");
 
-    int reached = 0;
+    std::atomic<int> reached = 0;  // renames run side by side
     synckit::setCrashPointHook([&] {
       if (++reached == crashAt) throw SimulatedCrash{};
     });
