@@ -1,12 +1,12 @@
 #include "synckit/api/curl_transport.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <array>
 #include <mutex>
 #include <stop_token>
 #include <vector>
-
-#include <curl/curl.h>
 
 #include "synckit/api/sync_api_error.h"
 #include "synckit/base/cancellation.h"
@@ -41,22 +41,26 @@ void initialiseCurlOnce() {
   static CURLcode result = CURLE_OK;
   std::call_once(once, [] { result = curl_global_init(CURL_GLOBAL_DEFAULT); });
   if (result != CURLE_OK) {
-    throw TransportError(TransportError::Kind::other, std::string("libcurl: ") + curl_easy_strerror(result));
+    throw TransportError(TransportError::Kind::other,
+                         std::string("libcurl: ") + curl_easy_strerror(result));
   }
 }
 
 TransportError::Kind kindOf(CURLcode code) {
   switch (code) {
-    case CURLE_OPERATION_TIMEDOUT: return TransportError::Kind::timedOut;
+    case CURLE_OPERATION_TIMEDOUT:
+      return TransportError::Kind::timedOut;
     case CURLE_COULDNT_CONNECT:
     case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY: return TransportError::Kind::cannotConnect;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return TransportError::Kind::cannotConnect;
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_GOT_NOTHING:
     case CURLE_PARTIAL_FILE:
     case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM: return TransportError::Kind::connectionLost;
+    case CURLE_HTTP2_STREAM:
+      return TransportError::Kind::connectionLost;
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CERTPROBLEM:
@@ -67,8 +71,10 @@ TransportError::Kind kindOf(CURLcode code) {
     case CURLE_SSL_INVALIDCERTSTATUS:
     case CURLE_SSL_CRL_BADFILE:
     case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_USE_SSL_FAILED: return TransportError::Kind::secureConnectionFailed;
-    default: return TransportError::Kind::other;
+    case CURLE_USE_SSL_FAILED:
+      return TransportError::Kind::secureConnectionFailed;
+    default:
+      return TransportError::Kind::other;
   }
 }
 
@@ -79,7 +85,8 @@ struct Transfer {
 
 std::string_view trim(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' ||
+                           text.back() == '\n')) {
     text.remove_suffix(1);
   }
   return text;
@@ -122,7 +129,9 @@ size_t onBody(char* data, size_t size, size_t count, void* context) noexcept {
   return size * count;
 }
 
-bool hasHeader(const HTTPRequest& request, std::string_view name) { return request.header(name).has_value(); }
+bool hasHeader(const HTTPRequest& request, std::string_view name) {
+  return request.header(name).has_value();
+}
 
 }  // namespace
 
@@ -138,7 +147,8 @@ struct CurlTransport::Impl {
   explicit Impl(Options opts) : options(std::move(opts)) {
     initialiseCurlOnce();
     share.reset(curl_share_init());
-    if (!share) throw TransportError(TransportError::Kind::other, "libcurl could not create a share handle");
+    if (!share)
+      throw TransportError(TransportError::Kind::other, "libcurl could not create a share handle");
     // DNS answers and TLS sessions are shared between the slots; curl
     // calls these to serialise access to each kind of shared data.
     curl_share_setopt(share.get(), CURLSHOPT_LOCKFUNC, &Impl::lockShare);
@@ -153,10 +163,14 @@ struct CurlTransport::Impl {
   }
 
   static void lockShare(CURL*, curl_lock_data data, curl_lock_access, void* context) {
-    static_cast<Impl*>(context)->shareLocks[static_cast<std::size_t>(data) % CURL_LOCK_DATA_LAST].lock();
+    static_cast<Impl*>(context)
+        ->shareLocks[static_cast<std::size_t>(data) % CURL_LOCK_DATA_LAST]
+        .lock();
   }
   static void unlockShare(CURL*, curl_lock_data data, void* context) {
-    static_cast<Impl*>(context)->shareLocks[static_cast<std::size_t>(data) % CURL_LOCK_DATA_LAST].unlock();
+    static_cast<Impl*>(context)
+        ->shareLocks[static_cast<std::size_t>(data) % CURL_LOCK_DATA_LAST]
+        .unlock();
   }
 
   std::unique_ptr<CurlSlot> acquire() {
@@ -172,7 +186,8 @@ struct CurlTransport::Impl {
     slot->easy.reset(curl_easy_init());
     slot->multi.reset(curl_multi_init());
     if (!slot->easy || !slot->multi) {
-      throw TransportError(TransportError::Kind::other, "libcurl could not create a transfer handle");
+      throw TransportError(TransportError::Kind::other,
+                           "libcurl could not create a transfer handle");
     }
     return slot;
   }
@@ -231,13 +246,14 @@ HTTPResponse CurlTransport::send(const HTTPRequest& request) {
   }
   appendHeader("Expect:");  // no 100-continue round trip before bodies
 
-  const bool sendsBody = !request.body.empty() || request.method == "POST" || request.method == "PUT" ||
-                         request.method == "PATCH";
+  const bool sendsBody = !request.body.empty() || request.method == "POST" ||
+                         request.method == "PUT" || request.method == "PATCH";
   if (sendsBody && !hasHeader(request, "Content-Type")) {
     appendHeader("Content-Type:");  // curl would otherwise claim a form body
   }
 
-  const long timeoutMs = static_cast<long>(std::max<std::chrono::milliseconds::rep>(1, request.timeout.count()));
+  const long timeoutMs =
+      static_cast<long>(std::max<std::chrono::milliseconds::rep>(1, request.timeout.count()));
 
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(easy, CURLOPT_SHARE, impl_->share.get());
@@ -249,7 +265,7 @@ HTTPResponse CurlTransport::send(const HTTPRequest& request) {
   curl_easy_setopt(easy, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, impl_->options.acceptEncoding.c_str());
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMs);
   curl_easy_setopt(easy, CURLOPT_USERAGENT, impl_->options.userAgent.c_str());
@@ -264,13 +280,17 @@ HTTPResponse CurlTransport::send(const HTTPRequest& request) {
     curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
   } else if (sendsBody) {
     static const char empty[] = "";
-    const char* data = request.body.empty() ? empty : reinterpret_cast<const char*>(request.body.data());
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    const char* data =
+        request.body.empty() ? empty : reinterpret_cast<const char*>(request.body.data());
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(request.body.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, data);
-    if (request.method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    if (request.method != "POST")
+      curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
   } else {
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-    if (request.method != "GET") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    if (request.method != "GET")
+      curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
   }
 
   if (CURLMcode added = curl_multi_add_handle(multi, easy); added != CURLM_OK) {
@@ -303,7 +323,8 @@ HTTPResponse CurlTransport::send(const HTTPRequest& request) {
       }
     }
     if (finished || running == 0) break;
-    if (CURLMcode code = curl_multi_poll(multi, nullptr, 0, pollIntervalMs, nullptr); code != CURLM_OK) {
+    if (CURLMcode code = curl_multi_poll(multi, nullptr, 0, pollIntervalMs, nullptr);
+        code != CURLM_OK) {
       throw TransportError(TransportError::Kind::other, curl_multi_strerror(code));
     }
   }

@@ -25,6 +25,9 @@ class CurlTransport : public HTTPTransport {
     // this still run, their extra handles are closed afterwards.
     std::size_t maxIdleHandles = 8;
     std::string userAgent = "Halvark/" + std::string(SyncKit::version);
+    // The Accept-Encoding offered; empty offers every encoding libcurl can
+    // decode. Answers are decoded either way.
+    std::string acceptEncoding;
 
     bool operator==(const Options&) const = default;
   };

@@ -1,9 +1,8 @@
 #include "synckit/api/curl_transport.h"
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -73,11 +72,16 @@ class CurlTransportTest : public ::testing::Test {
       res.set_header("X-Hop", "first");
       res.set_redirect("/echo");
     });
+    s.Get("/encoding", [](const httplib::Request& req, httplib::Response& res) {
+      res.set_content(req.get_header_value("Accept-Encoding") + std::string(512, ' '),
+                      "text/plain");
+    });
     s.Get("/cookie", [](const httplib::Request& req, httplib::Response& res) {
       res.set_content(req.has_header("Cookie") ? "cookie" : "none", "text/plain");
     });
     s.Get("/port", [](const httplib::Request& req, httplib::Response& res) {
-      res.set_content(std::to_string(req.remote_port) + "|" + req.get_param_value("id"), "text/plain");
+      res.set_content(std::to_string(req.remote_port) + "|" + req.get_param_value("id"),
+                      "text/plain");
     });
     s.Get("/slow", [this](const httplib::Request&, httplib::Response& res) {
       ++slowRequests;
@@ -133,6 +137,15 @@ TEST_F(CurlTransportTest, SendsMethodsHeadersAndBodiesAndReturnsTheAnswer) {
   removal.headers = {{"Content-Type", "application/json"}};
   removal.body = toBytes(R"({"path":"a"})");
   EXPECT_EQ(toString(transport.send(removal).body), R"(DELETE||application/json||{"path":"a"})");
+}
+
+TEST_F(CurlTransportTest, OffersTheEncodingsItIsToldAndDecodesTheAnswer) {
+  const std::string every = toString(transport.send(get("/encoding")).body);
+  EXPECT_NE(every.find("gzip"), std::string::npos);
+  CurlTransport::Options options;
+  options.acceptEncoding = "gzip";
+  CurlTransport gzipOnly(options);
+  EXPECT_EQ(toString(gzipOnly.send(get("/encoding")).body), "gzip" + std::string(512, ' '));
 }
 
 TEST_F(CurlTransportTest, ReturnsEveryStatusAndTheFinalResponseOfARedirect) {
@@ -280,8 +293,8 @@ struct SelfSignedIdentity {
     X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
     X509_set_pubkey(cert, key);
     X509_NAME* name = X509_get_subject_name(cert);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("127.0.0.1"), -1,
-                               -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
     X509_set_issuer_name(cert, name);
     X509_sign(cert, key, EVP_sha256());
   }
@@ -296,7 +309,8 @@ struct SelfSignedIdentity {
 TEST(CurlTransportFailureTest, UntrustedCertificateIsRefused) {
   SelfSignedIdentity identity;
   ASSERT_NE(identity.key, nullptr);
-  LoopbackHTTPServer server(std::make_unique<httplib::SSLServer>(identity.cert, identity.key), "https");
+  LoopbackHTTPServer server(std::make_unique<httplib::SSLServer>(identity.cert, identity.key),
+                            "https");
   std::atomic<int> served{0};
   server.server().Get("/", [&](const httplib::Request&, httplib::Response& res) {
     ++served;
