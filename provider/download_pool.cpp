@@ -34,7 +34,9 @@ std::int64_t expectedBytes(const DownloadJob& job) { return job.blobSize.value_o
 }  // namespace
 
 DownloadPool::DownloadPool(Fetch fetch, MirrorRoot& mirror, std::size_t workers)
-    : fetch_(std::move(fetch)), mirror_(mirror), capacity_(std::max<std::size_t>(64, 4 * workers)) {
+    : fetch_(std::move(fetch)),
+      mirror_(mirror),
+      capacity_(std::max<std::size_t>(256, 4 * workers)) {
   const std::size_t count = workers == 0 ? 1 : workers;
   workers_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {

@@ -62,9 +62,10 @@ struct DownloadResult {
 // A worker fetches, checks the size and SHA-256 that a blob job names
 // (a mismatch is a failure, never a staged file), writes and flushes a
 // staged file, and queues the result. Results are taken by one consumer
-// thread with next(), which is where commits are serialised. At most
-// `workers` results wait at once; workers hold back until the consumer
-// catches up, so staged files and memory stay bounded.
+// thread with next() and takeReady(), which is where commits are
+// serialised. At most 256 results (or 4 per worker) wait at once, enough
+// for the consumer to commit large batches; beyond that, workers hold back
+// until it catches up, so staged files and their descriptors stay bounded.
 //
 // submit(), next(), takeReady() and progress() may be called from any
 // thread; next() and takeReady() are meant for one consumer. Destruction

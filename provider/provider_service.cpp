@@ -83,6 +83,9 @@ ProviderService::ProviderService(Options options)
   const std::string baseURL = synckit::AppGroup::baseURL();
   synckit::CurlTransport::Options transportOptions;
   transportOptions.maxIdleHandles = DownloadPool::defaultWorkers;
+  // Brotli at the quality servers use by default costs the server more per
+  // small file than it saves on the wire, and a brain is mostly small files.
+  transportOptions.acceptEncoding = "gzip";
   transport_ = std::make_unique<synckit::CurlTransport>(transportOptions);
   tokens_ = synckit::makeTokenStore();
   tokenManager_ = std::make_unique<synckit::TokenManager>(baseURL, *transport_, *tokens_, *store_);
