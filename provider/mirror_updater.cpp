@@ -155,13 +155,21 @@ struct MirrorUpdater::Pass {
     ++summary.skipped;
     if (!firstReport(brainId.toString() + ":" + nodePath)) return;
     ++owner.skippedCount_;
-    owner.log_.error("Skipped \u201c%s\u201d: %s", nodePath.c_str(), why.c_str());
+    if (nodePath.empty()) {
+      owner.log_.error("Skipped the folder of a brain: %s", why.c_str());
+    } else {
+      owner.log_.error("Skipped \u201c%s\u201d: %s", nodePath.c_str(), why.c_str());
+    }
     if (owner.onSkipped_) owner.onSkipped_(brainId, nodePath, why);
   }
 
+  // The first few failures of an update are logged one by one; when the
+  // server is down or the session is gone every download fails alike.
+  static constexpr int failuresLogged = 10;
+
   void failure(const Key& key, const std::string& why) {
-    ++summary.failed;
     failed.push_back(key);
+    if (++summary.failed > failuresLogged) return;
     owner.log_.error("Will retry \u201c%s\u201d: %s", nodePathOf(key, key.second).c_str(),
                      why.c_str());
   }
@@ -691,7 +699,8 @@ struct MirrorUpdater::Pass {
   void downloadFiles() {
     std::vector<DownloadJob> jobs;
     for (const auto& [key, item] : wanted) {
-      if (item.node.isDirectory) continue;
+      // A file that exists only here has nothing on the server to fetch.
+      if (item.node.isDirectory || item.node.localOnly) continue;
       auto row = index.entry(key.first, key.second);
       if (row && row->path != item.path) continue;  // held back where it was
       guarded(key, [&] {
@@ -836,6 +845,9 @@ struct MirrorUpdater::Pass {
   }
 
   void finish() {
+    if (summary.failed > failuresLogged) {
+      owner.log_.error("Will retry %d more", summary.failed - failuresLogged);
+    }
     std::sort(failed.begin(), failed.end());
     index.transaction([&] {
       for (const Key& key : retried) {

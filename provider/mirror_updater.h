@@ -48,7 +48,8 @@ class MirrorRoot;
 //
 // Not thread-safe: one thread calls update() at a time (the provider's main
 // loop). Downloads run on a DownloadPool of its own for the length of an
-// update(); commits happen on the calling thread.
+// update(); the calling thread decides and records each commit, and the
+// renames of a batch run side by side on short-lived helper threads.
 class MirrorUpdater {
  public:
   struct Options {
@@ -74,8 +75,8 @@ class MirrorUpdater {
     bool operator==(const Summary&) const = default;
   };
 
-  // Called on the updating thread for every skipped node: the brain, the
-  // node's brain-relative path and why.
+  // Called on the updating thread once for every skipped node: the brain,
+  // the node's brain-relative path ("" for the brain's own folder) and why.
   using SkipHandler = std::function<void(const synckit::Uuid& brainId, const std::string& path,
                                          const std::string& reason)>;
 
