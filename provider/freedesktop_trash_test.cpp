@@ -8,6 +8,7 @@
 
 #include "provider/mirror_path_error.h"
 #include "synckit/base/error.h"
+#include "synckit/platform/atomic_file.h"
 #include "synckit/testing/scoped_environment.h"
 #include "synckit/testing/temporary_directory.h"
 
@@ -21,8 +22,7 @@ using synckit::testing::TemporaryDirectory;
 namespace fs = std::filesystem;
 
 std::string contentOf(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  return synckit::toString(synckit::AtomicFile::read(file).value_or(synckit::Bytes{}));
 }
 
 void writeFile(MirrorRoot& mirror, std::string_view path, std::string_view content) {

@@ -8,6 +8,7 @@
 
 #include "provider/mirror_path_error.h"
 #include "synckit/base/error.h"
+#include "synckit/platform/atomic_file.h"
 #include "synckit/testing/temporary_directory.h"
 #include "synckit/testing/thrown_by.h"
 
@@ -21,8 +22,7 @@ using synckit::testing::thrownBy;
 namespace fs = std::filesystem;
 
 std::string contentOf(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  return synckit::toString(synckit::AtomicFile::read(file).value_or(synckit::Bytes{}));
 }
 
 MirrorPathError::Reason reasonOf(auto&& call) { return thrownBy<MirrorPathError>(call).reason(); }
