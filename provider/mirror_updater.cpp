@@ -268,15 +268,16 @@ struct MirrorUpdater::Pass {
     // Two brains that trade names: the first one moves aside until the
     // other has left.
     std::vector<std::pair<synckit::Uuid, std::string>> waiting;
-    for (const auto& [brainId, name] : names) {
+    for (const auto& entry : names) {
+      const auto& [brainId, name] = entry;
       auto was = known.find(brainId);
       if (was == known.end()) continue;
       folders[brainId] = was->second;
       if (was->second == name) continue;
       const bool otherLeaves = std::any_of(known.begin(), known.end(), [&](const auto& other) {
         auto next = names.find(other.first);
-        return other.first != brainId && other.second == name && next != names.end() &&
-               next->second != name;
+        return other.first != entry.first && other.second == entry.second && next != names.end() &&
+               next->second != entry.second;
       });
       if (renameBrain(brainId, name, otherLeaves)) waiting.emplace_back(brainId, was->second);
     }
@@ -674,7 +675,9 @@ struct MirrorUpdater::Pass {
     std::sort(folderNodes.begin(), folderNodes.end(),
               [](const auto& a, const auto& b) { return a.second->path < b.second->path; });
     index.transaction([&] {
-      for (const auto& [key, item] : folderNodes) {
+      for (const auto& folderNode : folderNodes) {
+        const Key* key = folderNode.first;
+        const Wanted* item = folderNode.second;
         auto row = index.entry(key->first, key->second);
         if (row && row->path != item->path) continue;  // held back where it was
         guarded(*key, [&] {
@@ -698,7 +701,9 @@ struct MirrorUpdater::Pass {
 
   void downloadFiles() {
     std::vector<DownloadJob> jobs;
-    for (const auto& [key, item] : wanted) {
+    for (const auto& entry : wanted) {
+      const Key& key = entry.first;
+      const Wanted& item = entry.second;
       // A file that exists only here has nothing on the server to fetch.
       if (item.node.isDirectory || item.node.localOnly) continue;
       auto row = index.entry(key.first, key.second);
