@@ -91,7 +91,11 @@ now_ns() { date +%s%N; }
 count_files() { find "$1" -name .halvark-staging -prune -o -type f -print | wc -l; }
 best_ours=0 best_rclone=0 rss_ours=0 rss_rclone=0
 for run in $(seq "$runs"); do
-  rm -rf "$HALVARK_MIRROR" "$HALVARK_CONTAINER" "$work/copy"
+  # Each run writes into new folders and nothing is deleted before the end:
+  # creating files right after deleting as many costs ext4 a scan past the
+  # recently freed inodes, which would measure the previous run.
+  export HALVARK_CONTAINER="$work/container-$run" HALVARK_MIRROR="$work/mirror-$run"
+  copy="$work/copy-$run"
   cp -a "$work/container.synced" "$HALVARK_CONTAINER"
 
   t0=$(now_ns)
@@ -104,12 +108,12 @@ for run in $(seq "$runs"); do
   diff -r "$work/files" "$HALVARK_MIRROR/Bench" >/dev/null || fail "the mirror differs from the source"
 
   t0=$(now_ns)
-  /usr/bin/time -f %M -o "$work/rclone.rss" rclone copy :http: "$work/copy" \
+  /usr/bin/time -f %M -o "$work/rclone.rss" rclone copy :http: "$copy" \
     --http-url "http://127.0.0.1:$port/" --transfers "$transfers" 2>"$work/rclone-copy.log" ||
     fail "rclone copy failed" "$work/rclone-copy.log"
   t1=$(now_ns)
   theirs=$((t1 - t0))
-  diff -r "$work/files" "$work/copy" >/dev/null || fail "rclone's copy differs from the source"
+  diff -r "$work/files" "$copy" >/dev/null || fail "rclone's copy differs from the source"
 
   printf 'run %d: halvark-provider %.2f s, %s KB; rclone copy %.2f s, %s KB\n' "$run" \
     "$(awk -v n="$ours" 'BEGIN{print n/1e9}')" "$(tail -n 1 "$work/ours.rss")" \
