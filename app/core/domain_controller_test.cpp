@@ -127,6 +127,7 @@ TEST_F(DomainControllerTest, MaterializedItemsOfAllPagesWithUnparsableOnesDroppe
   auto domainManager = files.manager(halvarkDomain);
   EXPECT_EQ(MaterializedItemsCollector(domainManager->materializedItemsEnumerator()).collect(),
             (std::vector<std::string>{node, "garbage", brain, "node:x:y"}));
+  EXPECT_THAT(MaterializedItemsCollector(nullptr).collect(), IsEmpty());
 
   // A provider that gave up is a failed listing, not a stop of the caller.
   files.failMaterializedPage(2, std::make_exception_ptr(synckit::CancellationError()));

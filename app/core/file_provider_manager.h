@@ -53,7 +53,8 @@ class FileProviderManager {
     // Asks the provider to re-read the working set (everything it shows);
     // returns once the request was delivered.
     virtual void signalWorkingSet() = 0;
-    // Lists the items whose content is present on disk.
+    // Lists the items whose content is present on disk; null when the
+    // provider can list none (treated as an empty list).
     virtual std::shared_ptr<ItemEnumerator> materializedItemsEnumerator() = 0;
   };
 

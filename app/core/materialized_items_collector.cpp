@@ -79,6 +79,7 @@ MaterializedItemsCollector::MaterializedItemsCollector(
 
 std::vector<std::string> MaterializedItemsCollector::collect() {
   synckit::checkCancellation();
+  if (!enumerator_) return {};  // a provider that cannot list anything
   auto observer = std::make_shared<Observer>();
   // The next page is asked for here rather than from the finishing callback,
   // so that an enumerator answering synchronously does not nest one call per
