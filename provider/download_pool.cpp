@@ -152,7 +152,8 @@ DownloadResult DownloadPool::run(DownloadJob job) {
     }
     MirrorRoot::StagedFile staged = mirror_.stage();
     staged.write(bytes);
-    staged.flush();
+    // Not flushed here: the committer flushes the file system once per
+    // batch, which costs far less than one flush per small file.
     result.staged.emplace(std::move(staged));
   } catch (const synckit::CancellationError&) {
     throw;

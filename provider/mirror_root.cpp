@@ -429,7 +429,7 @@ void MirrorRoot::StagedFile::flush() {
   flushed_ = true;
 }
 
-FileState MirrorRoot::StagedFile::commit(std::string_view relative) {
+FileState MirrorRoot::StagedFile::commit(std::string_view relative, FolderFlush folderFlush) {
   if (!file_) throw std::logic_error("commit of a staged file that was already committed");
   auto components = componentsOf(relative);
   if (components.empty()) throw MirrorPathError::invalidPath(std::string(relative));
@@ -441,12 +441,25 @@ FileState MirrorRoot::StagedFile::commit(std::string_view relative) {
   }
   // From here the file is the final one: never unlink it by its staged name.
   Fd file = std::move(file_);
-  syncFolder(parent.get(), relative);
+  if (folderFlush == FolderFlush::now) syncFolder(parent.get(), relative);
   struct stat status;
   if (::fstat(file.get(), &status) != 0) {
     throw MirrorPathError::systemError(std::string(relative), "inspect", errno);
   }
   return stateOf(status);
+}
+
+void MirrorRoot::flushFileSystem() const {
+  if (::syncfs(root_.get()) != 0) {
+    throw MirrorPathError::systemError(".", "flush the file system of", errno);
+  }
+}
+
+void MirrorRoot::flushFolderOf(std::string_view relative) const {
+  auto components = componentsOf(relative);
+  if (components.empty()) throw MirrorPathError::invalidPath(std::string(relative));
+  Fd parent = openFolder(relative, components, components.size() - 1, false);
+  syncFolder(parent.get(), relative);
 }
 
 }  // namespace halvark::provider

@@ -77,12 +77,21 @@ class MirrorRoot {
     // otherwise does this itself) is only a rename. Workers call it so that
     // flushes run in parallel rather than in the committing thread.
     void flush();
+    // Records that a MirrorRoot::flushFileSystem() after the last write()
+    // has put the bytes on disk, so that commit() need not flush the file.
+    void flushedWithFileSystem() noexcept { flushed_ = true; }
     std::int64_t size() const noexcept { return size_; }
 
+    // Whether commit() flushes the destination folder itself, or leaves
+    // that to a caller committing many files (flushFolderOf once per folder
+    // before recording any of them).
+    enum class FolderFlush { now, byCaller };
+
     // Renames the file to `relative` (replacing a file there; missing
-    // folders on the way are made), flushes the folder, and returns what is
-    // now at `relative`. On failure the staged file stays staged.
-    FileState commit(std::string_view relative);
+    // folders on the way are made), flushes the folder unless told not to,
+    // and returns what is now at `relative`. On failure the staged file
+    // stays staged.
+    FileState commit(std::string_view relative, FolderFlush folderFlush = FolderFlush::now);
 
    private:
     friend class MirrorRoot;
@@ -122,6 +131,12 @@ class MirrorRoot {
   void ensureDirectory(std::string_view relative);
 
   StagedFile stage();
+  // Puts everything written on the mirror's file system on disk (syncfs):
+  // one flush for a whole batch of staged files instead of one each.
+  void flushFileSystem() const;
+  // Flushes the folder that holds `relative`, so that renames into it
+  // survive a power loss.
+  void flushFolderOf(std::string_view relative) const;
 
   // Moves `from` to `to`, making missing folders on the way to `to`. Never
   // replaces: throws MirrorPathError (alreadyExists) when `to` exists, and

@@ -780,10 +780,14 @@ struct MirrorUpdater::Pass {
         }
       });
     }
-    // The marks go first, all in one store transaction. The renames run side
-    // by side, since each flushes its folder and the file system joins
-    // flushes that wait together; the rows follow them in one transaction.
+    // The marks go first, all in one store transaction. Then the staged
+    // bytes reach the disk with one flush of the file system, the renames
+    // run side by side, and each folder they went into is flushed once;
+    // only then are the rows written, in one transaction. A crash before
+    // that leaves files the next update adopts by their bytes.
     if (!writes.empty()) {
+      mirror.flushFileSystem();
+      for (const auto& [result, seen] : writes) result->staged->flushedWithFileSystem();
       store.writeTransaction([&] {
         for (const auto& [result, seen] : writes) {
           store.recordOwnWrite(result->job.brainId, result->job.nodePath);
@@ -803,10 +807,30 @@ struct MirrorUpdater::Pass {
         if (mirror.stat(result->job.mirrorPath) != seen) {
           placed[i].changed = true;
         } else {
-          placed[i].written = result->staged->commit(result->job.mirrorPath);
+          placed[i].written = result->staged->commit(result->job.mirrorPath,
+                                                     MirrorRoot::StagedFile::FolderFlush::byCaller);
         }
       } catch (...) {
         placed[i].error = std::current_exception();
+      }
+    });
+    std::map<std::string, std::vector<std::size_t>> folders;
+    for (std::size_t i = 0; i < writes.size(); ++i) {
+      if (!placed[i].written) continue;
+      const std::string& path = writes[i].first->job.mirrorPath;
+      const auto slash = path.rfind('/');
+      folders[slash == std::string::npos ? std::string() : path.substr(0, slash)].push_back(i);
+    }
+    std::vector<std::pair<const std::string*, const std::vector<std::size_t>*>> folderList;
+    for (const auto& [folder, members] : folders) folderList.emplace_back(&folder, &members);
+    inParallel(folderList.size(), owner.options_.downloadWorkers, [&](std::size_t f) {
+      const std::vector<std::size_t>& members = *folderList[f].second;
+      try {
+        mirror.flushFolderOf(writes[members.front()].first->job.mirrorPath);
+      } catch (...) {
+        // Not recorded: the files stay unindexed and are adopted by their
+        // bytes on the next update.
+        for (std::size_t i : members) placed[i].error = std::current_exception();
       }
     });
     index.transaction([&] {
