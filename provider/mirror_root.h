@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "synckit/base/bytes.h"
+#include "synckit/platform/provider_paths.h"
 
 namespace halvark::provider {
 
@@ -106,7 +107,7 @@ class MirrorRoot {
     bool flushed_ = false;
   };
 
-  static constexpr std::string_view stagingFolderName = ".halvark-staging";
+  static constexpr std::string_view stagingFolderName = synckit::ProviderPaths::stagingFolderName;
 
   // renameat2 with RENAME_NOREPLACE; on a file system that cannot promise
   // that (EINVAL), a check for the target followed by renameat. 0, or -1

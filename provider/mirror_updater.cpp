@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "provider/freedesktop_trash.h"
-#include "provider/mirror_layout.h"
 #include "provider/mirror_path_error.h"
 #include "provider/mirror_root.h"
 #include "synckit/base/cancellation.h"
@@ -19,6 +18,7 @@
 #include "synckit/platform/app_identity.h"
 #include "synckit/platform/path_rules.h"
 #include "synckit/platform/provider_progress.h"
+#include "synckit/store/brain_folder_names.h"
 #include "synckit/store/local_index.h"
 #include "synckit/store/metadata_store.h"
 
@@ -260,7 +260,7 @@ struct MirrorUpdater::Pass {
   // --- Brains --------------------------------------------------------------
 
   void applyBrains() {
-    const auto names = brainFolderNames(store.brains());
+    const auto names = synckit::brainFolderNames(store.brains());
     const auto known = index.brainFolders();
     for (const auto& [brainId, folder] : known) {
       if (!names.contains(brainId)) removeBrain(brainId, folder);

@@ -11,6 +11,10 @@ namespace synckit {
 // on. Nothing here touches the disk; the environment is read on each call.
 namespace ProviderPaths {
 
+// The folder at the top of the mirror where downloads are staged before
+// they are renamed into place; never a brain's folder.
+inline constexpr std::string_view stagingFolderName = ".halvark-staging";
+
 // The shared-defaults key that names the mirror folder.
 inline constexpr std::string_view mirrorFolderKey = "HVMirrorFolder";
 

@@ -7,7 +7,7 @@
 #include "synckit/base/uuid.h"
 #include "synckit/store/brain_record.h"
 
-namespace halvark::provider {
+namespace synckit {
 
 // The folder name (one path component) of every brain, by brain id. A
 // brain's folder is its name. A name that is not a usable component (empty,
@@ -19,7 +19,6 @@ namespace halvark::provider {
 // which no two brains share; the name before a suffix is shortened (at a
 // character boundary) to keep the whole within 255 bytes. The same brains
 // give the same names whatever their order. Pure; any thread.
-std::map<synckit::Uuid, std::string> brainFolderNames(
-    const std::vector<synckit::BrainRecord>& brains);
+std::map<Uuid, std::string> brainFolderNames(const std::vector<BrainRecord>& brains);
 
-}  // namespace halvark::provider
+}  // namespace synckit

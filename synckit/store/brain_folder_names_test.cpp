@@ -1,11 +1,11 @@
-#include "provider/mirror_layout.h"
+#include "synckit/store/brain_folder_names.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <set>
 
-namespace halvark::provider {
+namespace synckit {
 namespace {
 
 using synckit::BrainRecord;
@@ -89,4 +89,4 @@ TEST(MirrorLayoutTest, SharedNamesGetSuffixesThatStayTheSameWhateverTheOrder) {
 }
 
 }  // namespace
-}  // namespace halvark::provider
+}  // namespace synckit

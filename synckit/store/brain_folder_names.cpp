@@ -1,18 +1,18 @@
-#include "provider/mirror_layout.h"
+#include "synckit/store/brain_folder_names.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
 
-#include "provider/mirror_root.h"
+#include "synckit/platform/provider_paths.h"
 
-namespace halvark::provider {
+namespace synckit {
 namespace {
 
 constexpr std::size_t kMaxComponent = 255;
 
 bool usableComponent(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name != MirrorRoot::stagingFolderName &&
+  return !name.empty() && name != "." && name != ".." && name != ProviderPaths::stagingFolderName &&
          name.size() <= kMaxComponent && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos;
 }
@@ -104,4 +104,4 @@ std::map<synckit::Uuid, std::string> brainFolderNames(
   return names;
 }
 
-}  // namespace halvark::provider
+}  // namespace synckit
