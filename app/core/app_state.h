@@ -73,6 +73,10 @@ class AppState {
   // Newest last, at most maximumRecentSyncErrors.
   const std::vector<std::string>& recentSyncErrors() const noexcept { return recentSyncErrors_; }
 
+  // The label a signed-in session shows, from the function given at
+  // construction.
+  std::string memberLabel() const { return memberLabel_(); }
+
   // Error when a brain is in error (the first one's text), else syncing when
   // one syncs, else idle.
   AggregateState aggregateState() const;
