@@ -14,6 +14,7 @@
 #include "synckit/api/sync_api_client.h"
 #include "synckit/auth/token_manager.h"
 #include "synckit/base/cancellation.h"
+#include "synckit/conflicts/sync_error_log.h"
 #include "synckit/engine/shared_metadata_store.h"
 #include "synckit/platform/app_group.h"
 #include "synckit/platform/app_identity.h"
@@ -96,6 +97,11 @@ ProviderService::ProviderService(Options options)
   updater_ = std::make_unique<MirrorUpdater>(*store_, *index_, *mirror_, *trash_,
                                              DownloadPool::readingWith(*api_, *tokenManager_),
                                              updaterOptions);
+  updater_->setSkipHandler(
+      [this](const synckit::Uuid&, const std::string& path, const std::string& reason) {
+        skipped_.push_back(path.empty() ? "Could not show the folder of a brain: " + reason
+                                        : "Could not show \u201c" + path + "\u201d: " + reason);
+      });
 }
 
 ProviderService::~ProviderService() = default;
@@ -117,10 +123,24 @@ bool ProviderService::domainRemoved() {
   }
 }
 
+// Hands what the update could not show to the application, which lists it
+// among the recent sync errors once the sync-now signal wakes it.
+void ProviderService::reportSkipped() {
+  if (skipped_.empty()) return;
+  try {
+    synckit::SyncErrorLog::append(skipped_, *store_);
+    synckit::SyncSignal::post(synckit::SyncSignal::name());
+  } catch (const synckit::Error& error) {
+    log_.error("Could not report the items left out of the mirror: %s", error.what());
+  }
+  skipped_.clear();
+}
+
 // One update; a failure is logged and left to the next wake.
 bool ProviderService::runUpdate() {
   try {
     const MirrorUpdater::Summary done = updater_->update();
+    reportSkipped();
     if (done != MirrorUpdater::Summary{}) {
       log_.info(
           "Mirror updated: %d written, %d adopted, %d moved, %d trashed, %d kept, %d skipped, "
@@ -132,6 +152,7 @@ bool ProviderService::runUpdate() {
   } catch (const synckit::CancellationError&) {
     throw;
   } catch (const std::exception& error) {
+    reportSkipped();
     log_.error("The mirror could not be updated: %s", error.what());
     return false;
   }

@@ -81,6 +81,7 @@ class ProviderService {
  private:
   bool domainRemoved();
   bool runUpdate();
+  void reportSkipped();
 
   Options options_;
   synckit::Logger log_;
@@ -96,6 +97,9 @@ class ProviderService {
   std::unique_ptr<synckit::SyncAPIClient> api_;
   std::unique_ptr<MirrorUpdater> updater_;
   bool reportedRegistry_ = false;
+  // What the last update could not show, for the application's recent
+  // sync errors; filled by the updater's skip handler on the run thread.
+  std::vector<std::string> skipped_;
 };
 
 }  // namespace halvark::provider

@@ -13,6 +13,7 @@
 #include "synckit/conflicts/conflict_event_log.h"
 #include "synckit/conflicts/conflict_resolver.h"
 #include "synckit/conflicts/conflict_spool_pruner.h"
+#include "synckit/conflicts/sync_error_log.h"
 #include "synckit/engine/pending_edit_uploader.h"
 #include "synckit/engine/reconciler.h"
 #include "synckit/engine/upload_planner.h"
@@ -419,6 +420,19 @@ void SyncScheduler::publishConflictEvents() {
   }
   if (!events.empty() && callbacks_.onConflictEvents)
     callbacks_.onConflictEvents(std::move(events));
+
+  // The file provider's own findings (items it could not show) join the
+  // recent sync errors the same way.
+  std::vector<std::string> providerErrors;
+  try {
+    providerErrors = synckit::SyncErrorLog::drain(store_);
+  } catch (const std::exception& error) {
+    logger_.error("Could not read the file provider's sync errors: %s", error.what());
+    return;
+  }
+  if (callbacks_.onSyncError) {
+    for (std::string& message : providerErrors) callbacks_.onSyncError(std::move(message));
+  }
 }
 
 void SyncScheduler::observeSyncSignal(const RunId& run) {

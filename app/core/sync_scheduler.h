@@ -107,6 +107,7 @@ class SyncScheduler {
   bool handleNotFound(const synckit::Uuid& brainId);
   void refreshMaterializedContent(const std::vector<synckit::DownloadRequest>& downloads);
   void publishStatus(const RunId& runId);
+  // Conflict events and the file provider's sync errors, to the callbacks.
   void publishConflictEvents();
   void observeSyncSignal(const RunId& runId);
   void handleSyncSignal(const RunId& runId);

@@ -16,6 +16,8 @@ inline constexpr std::string_view deviceName = "device_name";
 inline constexpr std::string_view inboxBrainId = "inbox_brain_id";
 // Conflict events waiting to be shown.
 inline constexpr std::string_view conflictEvents = "conflict_events";
+// Sync errors found by the file provider, waiting to be shown.
+inline constexpr std::string_view syncErrors = "sync_errors";
 
 }  // namespace MetaKey
 }  // namespace synckit

@@ -219,8 +219,13 @@ class ProviderAgainstDevServerTest : public ::testing::Test, protected DevServer
     fileProvider_ = std::make_unique<LinuxFileProviderManager>();
     domainController_ =
         std::make_unique<DomainController>(*store_, *appApi_, *appTokens_, *fileProvider_);
+    SyncScheduler::Callbacks callbacks;
+    callbacks.onSyncError = [this](std::string message) {
+      std::lock_guard lock(syncErrorsMutex_);
+      syncErrors_.push_back(std::move(message));
+    };
     scheduler_ = std::make_unique<SyncScheduler>(*store_, *appApi_, *appTokens_, *domainController_,
-                                                 SyncScheduler::Callbacks{});
+                                                 std::move(callbacks));
     demo_ = *Uuid::parse(demoBrain().id);
   }
 
@@ -362,6 +367,8 @@ class ProviderAgainstDevServerTest : public ::testing::Test, protected DevServer
   std::unique_ptr<SyncScheduler> scheduler_;
   bool schedulerStarted_ = false;
   Uuid demo_;
+  std::mutex syncErrorsMutex_;
+  std::vector<std::string> syncErrors_;  // what the scheduler handed to the recent-errors list
 };
 
 TEST_F(ProviderAgainstDevServerTest, MirrorsTheBrainAndFollowsRemoteChanges) {
@@ -546,6 +553,21 @@ TEST_F(ProviderAgainstDevServerTest, WritesNothingOutsideTheMirror) {
   std::erase_if(expected, [](const auto& item) { return item.first.starts_with("notes"); });
   expected["notes"] = {'l', ""};
   ASSERT_NO_FATAL_FAILURE(expectMirrored("Demo", expected, std::chrono::seconds(1)));
+
+  // Each item left out reaches the application's recent sync errors, once.
+  const auto reported = [&](const std::string& text) {
+    std::lock_guard lock(syncErrorsMutex_);
+    return std::count(syncErrors_.begin(), syncErrors_.end(), text);
+  };
+  const std::string invalid = ": Its path is not a valid path in a brain.";
+  EXPECT_TRUE(eventually(
+      [&] { return reported("Could not show \u201ca/../../../escape\u201d" + invalid) == 1; },
+      std::chrono::seconds(10)));
+  EXPECT_EQ(reported("Could not show \u201c../outside.md\u201d" + invalid), 1);
+  std::lock_guard lock(syncErrorsMutex_);
+  EXPECT_TRUE(std::any_of(syncErrors_.begin(), syncErrors_.end(), [](const std::string& text) {
+    return text.starts_with("Could not show \u201cnotes/later.md\u201d");
+  })) << ::testing::PrintToString(syncErrors_);
 }
 
 }  // namespace
