@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 
 #include "app/core/main_queue.h"
 
@@ -34,6 +35,10 @@ class RunLoop final : public MainQueue {
   bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
  private:
+  // The next task, waiting for one until `deadline` (or for good); empty
+  // after quit() or at the deadline.
+  std::function<void()> take(std::optional<std::chrono::steady_clock::time_point> deadline);
+
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::function<void()>> tasks_;
