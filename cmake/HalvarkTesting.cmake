@@ -1,11 +1,12 @@
-# halvark_add_test(NAME <target> SOURCES <files...> LIBS <libs...> [LABELS <labels...>])
+# halvark_add_test(NAME <target> SOURCES <files...> LIBS <libs...> [LABELS <labels...>]
+#                  [ENVIRONMENT <VAR=value...>])
 # One GoogleTest executable per module; each test case is registered with CTest
 # separately so that `ctest -j` spreads them over the cores.
 include(CTest)
 include(GoogleTest)
 
 function(halvark_add_test)
-  cmake_parse_arguments(T "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
   if(NOT HALVARK_BUILD_TESTS)
     return()
   endif()
@@ -16,5 +17,5 @@ function(halvark_add_test)
   target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${T_NAME}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}")
+    PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}" ENVIRONMENT "${T_ENVIRONMENT}")
 endfunction()
