@@ -11,8 +11,17 @@ bool isUnreserved(unsigned char c) {
 
 bool isSubDelim(unsigned char c) {
   switch (c) {
-    case '!': case '$': case '&': case '\'': case '(': case ')':
-    case '*': case '+': case ',': case ';': case '=':
+    case '!':
+    case '$':
+    case '&':
+    case '\'':
+    case '(':
+    case ')':
+    case '*':
+    case '+':
+    case ',':
+    case ';':
+    case '=':
       return true;
     default:
       return false;
@@ -33,7 +42,8 @@ bool isValidPart(std::string_view text, std::string_view extra) {
       i += 2;
       continue;
     }
-    if (isUnreserved(c) || isSubDelim(c) || extra.find(static_cast<char>(c)) != std::string_view::npos) {
+    if (isUnreserved(c) || isSubDelim(c) ||
+        extra.find(static_cast<char>(c)) != std::string_view::npos) {
       continue;
     }
     return false;
@@ -44,9 +54,33 @@ bool isValidPart(std::string_view text, std::string_view extra) {
 bool isValidScheme(std::string_view scheme) {
   if (scheme.empty() || !std::isalpha(static_cast<unsigned char>(scheme[0]))) return false;
   for (char c : scheme) {
-    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '-' && c != '.') return false;
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '-' && c != '.')
+      return false;
   }
   return true;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  return std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
+}
+
+// Escapes that are not two hex digits stay as written; parse() lets none
+// through, but a query set by hand may hold anything.
+std::string percentDecode(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+        std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
 }
 
 }  // namespace
@@ -59,7 +93,8 @@ std::optional<URLComponents> URLComponents::parse(std::string_view text) {
   // ":" comes before any "/", "?" or "#").
   auto colon = rest.find(':');
   auto firstDelimiter = rest.find_first_of("/?#");
-  if (colon != std::string_view::npos && (firstDelimiter == std::string_view::npos || colon < firstDelimiter)) {
+  if (colon != std::string_view::npos &&
+      (firstDelimiter == std::string_view::npos || colon < firstDelimiter)) {
     std::string_view scheme = rest.substr(0, colon);
     if (!isValidScheme(scheme)) return std::nullopt;
     parts.scheme = std::string(scheme);
@@ -102,7 +137,8 @@ std::optional<URLComponents> URLComponents::parse(std::string_view text) {
       if (close == std::string_view::npos) return std::nullopt;
       hostPart = authority.substr(1, close - 1);
       for (char c : hostPart) {
-        if (!std::isxdigit(static_cast<unsigned char>(c)) && c != ':' && c != '.') return std::nullopt;
+        if (!std::isxdigit(static_cast<unsigned char>(c)) && c != ':' && c != '.')
+          return std::nullopt;
       }
       std::string_view after = authority.substr(close + 1);
       if (!after.empty()) {
@@ -159,6 +195,25 @@ std::optional<std::string> URLComponents::string() const {
   if (percentEncodedQuery) out += "?" + *percentEncodedQuery;
   if (fragment) out += "#" + *fragment;
   return out;
+}
+
+std::vector<URLComponents::QueryItem> URLComponents::queryItems() const {
+  std::vector<QueryItem> items;
+  if (!percentEncodedQuery || percentEncodedQuery->empty()) return items;
+  std::string_view rest = *percentEncodedQuery;
+  while (true) {
+    const auto amp = rest.find('&');
+    const std::string_view item = rest.substr(0, amp);
+    const auto eq = item.find('=');
+    if (eq == std::string_view::npos) {
+      items.emplace_back(percentDecode(item), std::nullopt);
+    } else {
+      items.emplace_back(percentDecode(item.substr(0, eq)), percentDecode(item.substr(eq + 1)));
+    }
+    if (amp == std::string_view::npos) break;
+    rest.remove_prefix(amp + 1);
+  }
+  return items;
 }
 
 }  // namespace synckit

@@ -3,6 +3,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace synckit {
 
@@ -25,6 +27,12 @@ struct URLComponents {
   // The text of the URL; absent when the parts cannot form one (a path that
   // does not begin with "/" after an authority, a scheme with bad characters).
   std::optional<std::string> string() const;
+
+  // The query's items in order, names and values percent-decoded ("+" is
+  // left as it is); an item without "=" has no value. None without a query
+  // or with an empty one.
+  using QueryItem = std::pair<std::string, std::optional<std::string>>;
+  std::vector<QueryItem> queryItems() const;
 
   bool operator==(const URLComponents&) const = default;
 };

@@ -6,7 +6,8 @@ namespace synckit {
 namespace {
 
 TEST(URLComponentsTest, SplitsAndRebuildsWithoutNormalising) {
-  auto parts = URLComponents::parse("https://user@sync.example.com:8443/prefix/a%20b/?x=1&y=%2F#top");
+  auto parts =
+      URLComponents::parse("https://user@sync.example.com:8443/prefix/a%20b/?x=1&y=%2F#top");
   ASSERT_TRUE(parts);
   EXPECT_EQ(parts->scheme, "https");
   EXPECT_EQ(parts->userInfo, "user");
@@ -30,9 +31,10 @@ TEST(URLComponentsTest, SplitsAndRebuildsWithoutNormalising) {
 }
 
 TEST(URLComponentsTest, RefusesMalformedText) {
-  for (const char* text : {"https://exa mple.com/", "https://example.com/a b", "https://example.com:99999/",
-                           "https://example.com:8x/", "https://[::1/", "1http://example.com/",
-                           "https://example.com/%zz", "https://example.com/%4"}) {
+  for (const char* text :
+       {"https://exa mple.com/", "https://example.com/a b", "https://example.com:99999/",
+        "https://example.com:8x/", "https://[::1/", "1http://example.com/",
+        "https://example.com/%zz", "https://example.com/%4"}) {
     EXPECT_FALSE(URLComponents::parse(text)) << text;
   }
   auto noHost = URLComponents::parse("https://");
@@ -52,6 +54,17 @@ TEST(URLComponentsTest, StringRefusesPartsThatCannotFormAURL) {
   EXPECT_FALSE(parts.string());
   parts.percentEncodedPath = "/absolute";
   EXPECT_EQ(parts.string(), "https://example.com/absolute");
+}
+
+TEST(URLComponentsTest, QueryItemsAreDecodedInOrderAndMayLackAValue) {
+  using Item = URLComponents::QueryItem;
+  auto parts = URLComponents::parse("halvark://oauth/callback?a=1&flag&b=x%2By+z&a=%E2%9C%93&e=");
+  ASSERT_TRUE(parts);
+  EXPECT_EQ(parts->queryItems(),
+            (std::vector<Item>{
+                {"a", "1"}, {"flag", std::nullopt}, {"b", "x+y+z"}, {"a", "\u2713"}, {"e", ""}}));
+  EXPECT_TRUE(URLComponents::parse("halvark://oauth/callback")->queryItems().empty());
+  EXPECT_TRUE(URLComponents::parse("halvark://oauth/callback?")->queryItems().empty());
 }
 
 }  // namespace
