@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 
 #include "app/core/app_state.h"
@@ -96,7 +98,11 @@ class AuthController {
  private:
   struct Worker;
 
-  std::string runFlow();  // on the worker; returns nothing useful beyond success
+  // Runs `job` on a thread of its own with a stop token of its own, and
+  // applies the outcome it returns on the main thread while the controller
+  // lives. Returns the job's stop source.
+  std::stop_source start(std::function<std::function<void()>()> job);
+  void runFlow();  // on the worker
   void registerDeviceIfNeeded();
 
   AppState& appState_;
