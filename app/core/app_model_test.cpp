@@ -7,6 +7,7 @@
 
 #include "app/core/run_loop.h"
 #include "app/core/testing/fake_file_provider_manager.h"
+#include "app/core/testing/fake_sign_in_service.h"
 #include "app/core/testing/fake_web_authenticator.h"
 #include "synckit/store/meta_key.h"
 #include "synckit/testing/fake_http_transport.h"
@@ -24,32 +25,15 @@ using testing::FakeWebAuthenticator;
 
 const synckit::Uuid brainA = *synckit::Uuid::parse("0A000000-0000-4000-8000-000000000001");
 
-// The service for one brain with an empty change feed, and its sign-in.
-HTTPResponse answer(const HTTPRequest& request) {
-  const std::string path = request.url.substr(request.url.find('/', 8));
-  const auto json = FakeHTTPTransport::json;
-  if (path == "/.well-known/oauth-authorization-server") {
-    return json(200, R"({"issuer":"i","authorization_endpoint":"https://s.test/authorize",
-      "token_endpoint":"https://s.test/token","registration_endpoint":"https://s.test/register"})");
+// The sign-in, and one brain with an empty change feed.
+HTTPResponse answer(testing::FakeSignInService& signIn, const HTTPRequest& request) {
+  if (auto answer = signIn.answer(request)) return *answer;
+  if (request.url.ends_with("/api/sync/brains")) {
+    return FakeHTTPTransport::json(200, R"({"brains":[{"id":")" + brainA.toLowerString() +
+                                            R"(","teamId":"t","name":"Alpha","slug":"alpha"}]})");
   }
-  if (path == "/register") {
-    return json(201, R"({"client_id":"c","client_name":"Halvark Desktop","redirect_uris":[],
-      "token_endpoint_auth_method":"none","grant_types":[],"response_types":[]})");
-  }
-  if (path == "/token") {
-    return json(200, R"({"access_token":"a","token_type":"Bearer","expires_in":60,
-      "refresh_token":"r","scope":"readwrite"})");
-  }
-  if (path == "/api/sync/devices") {
-    return json(201, R"({"device":{"id":"d","name":"Box-2","platform":"linux",
-      "createdAt":"2025-03-01T09:30:12.345Z"}})");
-  }
-  if (path == "/api/sync/brains") {
-    return json(200, R"({"brains":[{"id":")" + brainA.toLowerString() +
-                         R"(","teamId":"t","name":"Alpha","slug":"alpha"}]})");
-  }
-  if (path.find("/changes?") != std::string::npos) {
-    return json(200, R"({"reset":false,"entries":[],"cursor":"c1"})");
+  if (request.url.find("/changes?") != std::string::npos) {
+    return FakeHTTPTransport::json(200, R"({"reset":false,"entries":[],"cursor":"c1"})");
   }
   return HTTPResponse{404, {}, {}};
 }
@@ -64,7 +48,7 @@ class AppModelTest : public ::testing::Test {
 
   std::unique_ptr<AppModel> makeModel(std::optional<synckit::TokenSet> stored) {
     auto transport = std::make_unique<FakeHTTPTransport>();
-    transport->setHandler(answer);
+    transport->setHandler([this](const HTTPRequest& request) { return answer(service, request); });
     requests = transport.get();
     return std::make_unique<AppModel>(AppModel::Platform{
         .mainQueue = loop,
@@ -93,17 +77,10 @@ class AppModelTest : public ::testing::Test {
   synckit::testing::ScopedEnvironment environment;
   RunLoop loop;
   FakeWebAuthenticator authenticator;
+  testing::FakeSignInService service;
   testing::FakeFileProviderManager fileProvider;
   FakeHTTPTransport* requests = nullptr;
 };
-
-TEST_F(AppModelTest, ASignedOutLaunchRemovesALeftOverDomain) {
-  fileProvider.addDomain(halvarkDomain[0]);
-  auto model = makeModel(std::nullopt);
-  ASSERT_TRUE(runUntil([&] { return fileProvider.registeredDomains().empty(); }));
-  EXPECT_EQ(model->appState().session(), Session::signedOut());
-  EXPECT_FALSE(model->scheduler()->runId());
-}
 
 TEST_F(AppModelTest, WithoutItsStoreTheModelShowsWhyAndSyncsNothing) {
   std::ofstream(directory / "file") << "in the way";
@@ -116,7 +93,6 @@ TEST_F(AppModelTest, WithoutItsStoreTheModelShowsWhyAndSyncsNothing) {
   EXPECT_TRUE(message->starts_with(prefix) && message->size() > prefix.size()) << *message;
   EXPECT_EQ(model->store(), nullptr);
   EXPECT_EQ(model->scheduler(), nullptr);
-  EXPECT_EQ(model->domainController(), nullptr);
 
   // Without a store there is nowhere to keep the client id: the sign-in
   // ends at once with the same reason.
@@ -125,17 +101,17 @@ TEST_F(AppModelTest, WithoutItsStoreTheModelShowsWhyAndSyncsNothing) {
   EXPECT_EQ(model->appState().errorMessage(), message);
   EXPECT_EQ(requests->requestCount(), 0u);
   EXPECT_TRUE(authenticator.urls().empty());
-  model->syncNow();
   EXPECT_EQ(fileProvider.registeredDomains(), halvarkDomain);
 }
 
-TEST_F(AppModelTest, SigningInStartsTheSyncSigningOutStopsItAndQuittingKeepsTheDomain) {
+TEST_F(AppModelTest, SigningInStartsTheSyncSigningOutStopsItAndOnlyQuittingKeepsTheDomain) {
+  // A signed-out launch removes what an earlier run left.
+  fileProvider.addDomain(halvarkDomain[0]);
   auto model = makeModel(std::nullopt);
   const AppState& state = model->appState();
-  authenticator.respondWith([](const std::string& url) {
-    return "halvark://oauth/callback?code=k&state=" +
-           FakeWebAuthenticator::queryValue(url, "state");
-  });
+  ASSERT_TRUE(runUntil([&] { return fileProvider.registeredDomains().empty(); }));
+
+  authenticator.respondWith(FakeWebAuthenticator::approving());
   model->authController().signIn();
   ASSERT_TRUE(runUntil([&] { return !state.brainStatuses().empty(); }));
   EXPECT_EQ(state.session(), Session::signedIn("Box-2"));
@@ -151,10 +127,6 @@ TEST_F(AppModelTest, SigningInStartsTheSyncSigningOutStopsItAndQuittingKeepsTheD
   EXPECT_EQ(state.session(), Session::signedOut());
   EXPECT_EQ(state.inboxBrainId(), std::nullopt);
   EXPECT_FALSE(model->scheduler()->runId());
-  const std::size_t signedOutRequests = requests->requestCount();
-  model->syncNow();
-  loop.runFor(std::chrono::milliseconds(50));
-  EXPECT_EQ(requests->requestCount(), signedOutRequests);
   model.reset();
 
   // A launch with a stored session syncs at once; quitting is not signing out.

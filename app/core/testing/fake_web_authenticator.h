@@ -40,13 +40,17 @@ class FakeWebAuthenticator : public WebAuthenticator {
     return {};
   }
 
+  // The service approved: the callback has the code "code-1" and the
+  // request's state, then `extra` ("&name=value...").
+  static Responder approving(std::string extra = {}) {
+    return [extra](const std::string& url) {
+      return "halvark://oauth/callback?code=code-1&state=" + queryValue(url, "state") + extra;
+    };
+  }
+
   std::vector<std::string> urls() const {
     std::lock_guard lock(mutex_);
     return urls_;
-  }
-  std::vector<std::string> callbackSchemes() const {
-    std::lock_guard lock(mutex_);
-    return schemes_;
   }
   // Waits (in real time) until `count` authorization URLs were opened.
   bool waitForURLs(std::size_t count,
@@ -55,12 +59,11 @@ class FakeWebAuthenticator : public WebAuthenticator {
     return changed_.wait_for(lock, timeout, [&] { return urls_.size() >= count; });
   }
 
-  std::string authenticate(const std::string& url, const std::string& callbackScheme) override {
+  std::string authenticate(const std::string& url, const std::string&) override {
     Responder responder;
     {
       std::unique_lock lock(mutex_);
       urls_.push_back(url);
-      schemes_.push_back(callbackScheme);
       changed_.notify_all();
       if (!responder_) {
         const int cancellations = cancellations_;
@@ -86,7 +89,6 @@ class FakeWebAuthenticator : public WebAuthenticator {
   mutable std::condition_variable_any changed_;
   Responder responder_;
   std::vector<std::string> urls_;
-  std::vector<std::string> schemes_;
   int cancellations_ = 0;
 };
 
