@@ -4,8 +4,14 @@
 
 #include <QAction>
 #include <QCoreApplication>
+#include <QDir>
+#include <QGuiApplication>
+#include <QImage>
 #include <QMenu>
+#include <QScreen>
 #include <QSystemTrayIcon>
+#include <QTest>
+#include <set>
 
 #include "app/platform/login_item.h"
 #include "app/tray/qt_main_queue.h"
@@ -73,6 +79,39 @@ struct TrayMenuTest : ::testing::Test {
   // Lets the rebuilds that state changes schedule run.
   void settle() { QCoreApplication::processEvents(); }
 
+  // Signed in, two brains (one never synced with two upload errors, one
+  // syncing), an error message, a recent sync error and a download running.
+  void signInWithTwoBrains() {
+    state.setSession(Session::signedIn("Computer"));
+    state.setBrainStatuses(
+        {{notesId, "Notes & Ideas", BrainSyncStatus::State::idle(), std::nullopt, 2},
+         {workId, "Work", BrainSyncStatus::State::syncing(),
+          synckit::Timestamp::fromMilliseconds(clock.now().millisecondsSinceEpoch() - 5 * 60'000),
+          0}});
+    state.setInboxBrainId(workId);
+    state.setErrorMessage("Some problem");
+    state.addRecentSyncError("Upload of “a.txt” failed");
+    progress = synckit::ProviderProgress{3, 2'500'000, false, {}};
+    settle();
+  }
+  const Strings signedInItems{"Signed in: Computer",
+                              "Sign Out",
+                              "Some problem",
+                              "---",
+                              "Downloading 3 files (2.5 MB) left",
+                              "Notes & Ideas — Not synced yet — ⚠ 2",
+                              "Work — 5 minutes ago — Syncing…",
+                              "Sync Now",
+                              "Inbox Brain",
+                              "---",
+                              "Recent Sync Errors",
+                              "---",
+                              "Start at Login",
+                              "Check for Updates…",
+                              "---",
+                              versionLine,
+                              "Quit"};
+
   TrayMenu::Actions actions() {
     TrayMenu::Actions result;
     result.signIn = [this] { calls.push_back("signIn"); };
@@ -132,25 +171,9 @@ TEST_F(TrayMenuTest, SignedOutAndSigningInShowNothingOfTheSync) {
 }
 
 TEST_F(TrayMenuTest, SignedInShowsTheStatusTheBrainsAndThePickerInOrder) {
-  state.setSession(Session::signedIn("Computer"));
-  state.setBrainStatuses(
-      {{notesId, "Notes & Ideas", BrainSyncStatus::State::idle(), std::nullopt, 2},
-       {workId, "Work", BrainSyncStatus::State::syncing(),
-        synckit::Timestamp::fromMilliseconds(clock.now().millisecondsSinceEpoch() - 5 * 60'000),
-        0}});
-  state.setInboxBrainId(workId);
-  state.setErrorMessage("Some problem");
-  state.addRecentSyncError("Upload of “a.txt” failed");
-  progress = synckit::ProviderProgress{3, 2'500'000, false, {}};
-  settle();
-
+  signInWithTwoBrains();
   const QMenu& menu = tray.menu();
-  EXPECT_EQ(texts(menu),
-            (Strings{"Signed in: Computer", "Sign Out", "Some problem", "---",
-                     "Downloading 3 files (2.5 MB) left", "Notes & Ideas — Not synced yet — ⚠ 2",
-                     "Work — 5 minutes ago — Syncing…", "Sync Now", "Inbox Brain", "---",
-                     "Recent Sync Errors", "---", "Start at Login", "Check for Updates…", "---",
-                     versionLine, "Quit"}));
+  EXPECT_EQ(texts(menu), signedInItems);
   EXPECT_EQ(tray.trayIcon().toolTip().toStdString(), "Halvark — Downloading 3 files (2.5 MB) left");
   EXPECT_EQ(item(menu, "Quit")->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Q));
 
@@ -213,6 +236,40 @@ TEST_F(TrayMenuTest, ARefusedLoginItemLeavesTheToggleOffAndShowsTheReason) {
   item(tray.menu(), "Start at Login")->trigger();
   EXPECT_TRUE(item(tray.menu(), "Start at Login")->isChecked());
   EXPECT_TRUE(loginItem.enabled());
+}
+
+// CTest also runs this one under Xvfb (QT_QPA_PLATFORM=xcb), where the
+// picture is taken from the X screen. Either way it is kept as an artifact.
+TEST_F(TrayMenuTest, TheSignedInMenuShowsOnAScreen) {
+  signInWithTwoBrains();
+  QMenu& menu = tray.menu();
+  menu.popup(QPoint(10, 10));
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(&menu));
+  EXPECT_EQ(texts(menu), signedInItems);
+  QTest::qWait(100);
+
+  const bool onX = QGuiApplication::platformName() == QStringLiteral("xcb");
+  const QRect area = menu.geometry();
+  QImage picture =
+      onX ? menu.screen()->grabWindow(0, area.x(), area.y(), area.width(), area.height()).toImage()
+          : menu.grab().toImage();
+  menu.hide();
+  ASSERT_FALSE(picture.isNull());
+  EXPECT_GT(picture.width(), 100);
+  EXPECT_GT(picture.height(), 200);
+  // Drawn text antialiases into many shades; an empty or unpainted window
+  // has one or two.
+  std::set<QRgb> colours;
+  for (int y = 0; y < picture.height(); y += 2) {
+    for (int x = 0; x < picture.width(); x += 2) colours.insert(picture.pixel(x, y));
+  }
+  EXPECT_GT(colours.size(), 10u);
+
+  QString folder = qEnvironmentVariable("HALVARK_TEST_ARTIFACTS", QStringLiteral("test-artifacts"));
+  QDir().mkpath(folder);
+  const QString file = folder + QStringLiteral("/tray_menu_") + QGuiApplication::platformName() +
+                       QStringLiteral(".png");
+  EXPECT_TRUE(picture.save(file)) << file.toStdString();
 }
 
 TEST(TrayMenuIcons, TheBundledIconsRenderWithoutAnIconTheme) {
