@@ -78,6 +78,7 @@ TrayMenu::~TrayMenu() { appState_.unobserve(observer_); }
 
 void TrayMenu::stateChanged(AppState::Field field) {
   if (field == AppState::Field::conflictNotices) showNewConflictNotices();
+  refreshStatus();
   scheduleRebuild();
 }
 
@@ -85,7 +86,13 @@ void TrayMenu::scheduleRebuild() {
   if (rebuildPending_) return;
   rebuildPending_ = true;
   QTimer::singleShot(0, this, [this] {
-    if (rebuildPending_) rebuild();
+    if (!rebuildPending_) return;
+    rebuildPending_ = false;
+    // An open menu keeps its items, so that a status update every few
+    // seconds does not close the submenu under the pointer; the icon, the
+    // tooltip and the status line follow at once, the rest when it next
+    // opens.
+    if (!menu_->isVisible()) rebuild();
   });
 }
 
@@ -185,18 +192,21 @@ void TrayMenu::rebuild() {
   quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
   quit->setShortcutVisibleInContextMenu(true);
 
-  if (signedIn) {
-    if (!progressTimer_.isActive()) progressTimer_.start();
-  } else {
-    progressTimer_.stop();
-  }
-  trayIcon_->setIcon(
-      stateIcon(signedIn ? appState_.aggregateState().kind : AggregateState::Kind::idle));
   refreshStatus();
 }
 
 void TrayMenu::refreshStatus() {
   const bool signedIn = appState_.session().kind() == Session::Kind::signedIn;
+  if (signedIn) {
+    if (!progressTimer_.isActive()) progressTimer_.start();
+  } else {
+    progressTimer_.stop();
+  }
+  const auto kind = signedIn ? appState_.aggregateState().kind : AggregateState::Kind::idle;
+  if (!iconKind_ || *iconKind_ != kind) {
+    trayIcon_->setIcon(stateIcon(kind));
+    iconKind_ = kind;
+  }
   QString tooltip = QStringLiteral("Halvark");
   if (signedIn) {
     std::string text = statusText();

@@ -79,6 +79,8 @@ class TrayMenu : public QObject {
   void stateChanged(AppState::Field field);
   void scheduleRebuild();
   void showNewConflictNotices();
+  // The icon, the tooltip and the status line; progress is polled only
+  // while signed in.
   void refreshStatus();
   std::string statusText() const;
   void toggleLoginItem(bool on);
@@ -94,6 +96,7 @@ class TrayMenu : public QObject {
   QAction* loginItemAction_ = nullptr;
   QTimer progressTimer_;
   bool rebuildPending_ = false;
+  std::optional<AggregateState::Kind> iconKind_;
   std::optional<synckit::Uuid> lastNoticeShown_;
   AppState::ObserverId observer_ = 0;
 };

@@ -248,6 +248,16 @@ TEST_F(TrayMenuTest, TheSignedInMenuShowsOnAScreen) {
   EXPECT_EQ(texts(menu), signedInItems);
   QTest::qWait(100);
 
+  // A status update while the menu is open keeps its submenus (the pointer
+  // may be in one) but shows the new status line at once.
+  QMenu* notes = &submenu(menu, signedInItems[5]);
+  progress.reset();
+  state.setBrainStatuses({state.brainStatuses()[0],
+                          {workId, "Work", BrainSyncStatus::State::error("Offline"), {}, 0}});
+  settle();
+  EXPECT_EQ(&submenu(menu, signedInItems[5]), notes);
+  EXPECT_EQ(texts(menu)[4], "Sync error: Offline");
+
   const bool onX = QGuiApplication::platformName() == QStringLiteral("xcb");
   const QRect area = menu.geometry();
   QImage picture =
