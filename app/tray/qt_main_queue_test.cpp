@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-#include <QDeadlineTimer>
+#include <QTest>
 #include <thread>
 #include <vector>
 
@@ -12,39 +11,24 @@
 namespace halvark {
 namespace {
 
-void processEventsUntil(const std::function<bool()>& done) {
-  QDeadlineTimer deadline(10000);
-  while (!done() && !deadline.hasExpired())
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-}
-
 TEST(QtMainQueue, RunsTasksFromAnyThreadInOrderOnTheEventLoopAndDropsThemAfterShutdown) {
   QtMainQueue queue;
   const auto mainThread = std::this_thread::get_id();
   std::vector<int> ran;
-  bool onMainThread = true;
-  std::thread poster([&] {
+  std::thread([&] {
     for (int i = 0; i < 100; ++i) {
-      queue.post([&, i] {
-        onMainThread = onMainThread && std::this_thread::get_id() == mainThread;
-        ran.push_back(i);
-      });
+      queue.post([&, i] { ran.push_back(std::this_thread::get_id() == mainThread ? i : -1); });
     }
-  });
-  poster.join();
-  // Nothing runs until the event loop turns.
-  EXPECT_TRUE(ran.empty());
-  processEventsUntil([&] { return ran.size() == 100; });
-  ASSERT_EQ(ran.size(), 100u);
+  }).join();
+  EXPECT_TRUE(ran.empty());  // nothing runs before the event loop turns
+  ASSERT_TRUE(QTest::qWaitFor([&] { return ran.size() == 100; }));
   for (int i = 0; i < 100; ++i) EXPECT_EQ(ran[i], i);
-  EXPECT_TRUE(onMainThread);
 
-  bool lateRan = false;
-  queue.post([&] { lateRan = true; });  // waiting when the queue shuts down
+  queue.post([&] { ran.push_back(-2); });  // still waiting when the queue shuts down
   queue.shutdown();
-  queue.post([&] { lateRan = true; });
-  QCoreApplication::processEvents();
-  EXPECT_FALSE(lateRan);
+  queue.post([&] { ran.push_back(-3); });
+  QTest::qWait(10);
+  EXPECT_EQ(ran.size(), 100u);
 }
 
 }  // namespace
