@@ -4,6 +4,7 @@
 #
 #   bench/initial_sync.sh [FOLDERS FILES_PER_FOLDER BYTES]   # default 100 100 4096
 #   HALVARK_BUILD_DIR=build-x HALVARK_BENCH_RUNS=5 bench/initial_sync.sh
+#   HALVARK_BENCH_WRAP="strace -f -c -o /tmp/s" bench/initial_sync.sh   # profile the provider
 #
 # Not timed: initial_sync_setup seeds a halvark-devserver brain (and the same
 # files in a local folder) and leaves a signed-in container whose store
@@ -99,7 +100,7 @@ for run in $(seq "$runs"); do
   cp -a "$work/container.synced" "$HALVARK_CONTAINER"
 
   t0=$(now_ns)
-  /usr/bin/time -f %M -o "$work/ours.rss" "$provider" --once 2>"$work/provider.log" ||
+  /usr/bin/time -f %M -o "$work/ours.rss" ${HALVARK_BENCH_WRAP:-} "$provider" --once 2>"$work/provider.log" ||
     fail "halvark-provider --once failed" "$work/provider.log"
   t1=$(now_ns)
   ours=$((t1 - t0))

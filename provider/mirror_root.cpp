@@ -455,11 +455,4 @@ void MirrorRoot::flushFileSystem() const {
   }
 }
 
-void MirrorRoot::flushFolderOf(std::string_view relative) const {
-  auto components = componentsOf(relative);
-  if (components.empty()) throw MirrorPathError::invalidPath(std::string(relative));
-  Fd parent = openFolder(relative, components, components.size() - 1, false);
-  syncFolder(parent.get(), relative);
-}
-
 }  // namespace halvark::provider

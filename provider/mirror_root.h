@@ -84,8 +84,8 @@ class MirrorRoot {
     std::int64_t size() const noexcept { return size_; }
 
     // Whether commit() flushes the destination folder itself, or leaves
-    // that to a caller committing many files (flushFolderOf once per folder
-    // before recording any of them).
+    // that to a caller committing many files (one flushFileSystem() after
+    // the renames, before recording any of them).
     enum class FolderFlush { now, byCaller };
 
     // Renames the file to `relative` (replacing a file there; missing
@@ -135,9 +135,6 @@ class MirrorRoot {
   // Puts everything written on the mirror's file system on disk (syncfs):
   // one flush for a whole batch of staged files instead of one each.
   void flushFileSystem() const;
-  // Flushes the folder that holds `relative`, so that renames into it
-  // survive a power loss.
-  void flushFolderOf(std::string_view relative) const;
 
   // Moves `from` to `to`, making missing folders on the way to `to`. Never
   // replaces: throws MirrorPathError (alreadyExists) when `to` exists, and
