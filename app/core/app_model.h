@@ -63,7 +63,8 @@ class AppModel {
   DomainController* domainController() noexcept;
   const std::string& baseURL() const noexcept;
 
-  // Stores the inbox choice (none removes it) and shows it.
+  // Stores the inbox choice (none removes it) and shows it. Throws the
+  // store's errors; a choice that was not stored is not shown.
   void setInboxBrain(std::optional<synckit::Uuid> id);
   // Every loop passes now; nothing while not syncing.
   void syncNow();

@@ -141,20 +141,24 @@ void AppState::start(std::function<void()> restored) {
     } catch (const std::exception& error) {
       failure = describe(error);
     }
-    mainQueue.post([weak, state, failure, restored = std::move(restored)] {
+    // Each task applies the manager's state as it is when the task runs, not
+    // as it was when posted: a sign-in that failed after its token exchange
+    // must not be shown signed in by the news of that exchange arriving late.
+    mainQueue.post([weak, &tokenManager, state, failure, restored = std::move(restored)] {
       auto follower = weak.lock();
       if (!follower) return;
       if (state) {
-        applySessionState(*follower->state, *state);
+        applySessionState(*follower->state, tokenManager.state());
       } else {
         follower->state->setErrorMessage(failure);
       }
       if (restored) restored();
     });
     try {
-      while (std::optional<synckit::SessionState> next = updates.next()) {
-        mainQueue.post([weak, state = *next] {
-          if (auto follower = weak.lock()) applySessionState(*follower->state, state);
+      while (updates.next()) {
+        mainQueue.post([weak, &tokenManager] {
+          if (auto follower = weak.lock())
+            applySessionState(*follower->state, tokenManager.state());
         });
       }
     } catch (const synckit::CancellationError&) {
