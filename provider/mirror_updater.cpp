@@ -76,9 +76,16 @@ void inParallel(std::size_t count, std::size_t threads, F&& body) {
 }
 
 IndexEntry entryFor(const Key& key, std::string path, bool isDirectory, std::int64_t contentVersion,
-                    const FileState& state) {
-  return IndexEntry{key.first,      key.second, std::move(path),        isDirectory,
-                    contentVersion, state.size, state.mtimeNanoseconds, state.inode};
+                    const FileState& state, std::string contentHash = {}) {
+  return IndexEntry{key.first,
+                    key.second,
+                    std::move(path),
+                    isDirectory,
+                    contentVersion,
+                    state.size,
+                    state.mtimeNanoseconds,
+                    state.inode,
+                    std::move(contentHash)};
 }
 
 }  // namespace
@@ -838,14 +845,15 @@ struct MirrorUpdater::Pass {
             kept(job.mirrorPath, "it changed while its new version was downloading");
             return;
           }
-          index.put(entryFor(key, job.mirrorPath, false, job.contentVersion, *placed[i].written));
+          index.put(entryFor(key, job.mirrorPath, false, job.contentVersion, *placed[i].written,
+                             synckit::hexLower(writes[i].first->digest)));
           ++summary.written;
         });
       }
       for (const auto& [result, seen] : adoptions) {
         const DownloadJob& job = result->job;
-        index.put(
-            entryFor({job.brainId, job.nodeId}, job.mirrorPath, false, job.contentVersion, seen));
+        index.put(entryFor({job.brainId, job.nodeId}, job.mirrorPath, false, job.contentVersion,
+                           seen, synckit::hexLower(result->digest)));
         ++summary.adopted;
       }
     });

@@ -27,9 +27,14 @@ constexpr std::array<const char*, 4> kVersion1 = {
     "node_id))",
 };
 
+// Version 2 remembers what the bytes were, so that a rescan can tell a
+// touched file from an edited one.
+constexpr const char* kVersion2 =
+    "ALTER TABLE entries ADD COLUMN content_hash TEXT NOT NULL DEFAULT ''";
+
 constexpr const char* kEntryColumns =
-    "SELECT brain_id, node_id, path, is_directory, content_version, size, mtime_ns, inode FROM "
-    "entries ";
+    "SELECT brain_id, node_id, path, is_directory, content_version, size, mtime_ns, inode, "
+    "content_hash FROM entries ";
 constexpr std::string_view kAnchorKey = "anchor";
 
 template <class... Arguments>
@@ -51,7 +56,8 @@ Uuid uuidAt(const SQLiteRow& row, std::size_t index) {
 IndexEntry entryFromRow(const SQLiteRow& row) {
   return IndexEntry{
       uuidAt(row, 0), row.string(1),  row.string(2),  row.integer(3) != 0,
-      row.integer(4), row.integer(5), row.integer(6), static_cast<std::uint64_t>(row.integer(7))};
+      row.integer(4), row.integer(5), row.integer(6), static_cast<std::uint64_t>(row.integer(7)),
+      row.string(8)};
 }
 
 // The bounds of every path strictly below `prefix`: from prefix + "/" up to,
@@ -72,9 +78,12 @@ struct StatementFinalizer {
 LocalIndex::LocalIndex(const std::filesystem::path& file) : database_(file) {
   database_.transaction(true, [&] {
     auto rows = database_.query("PRAGMA user_version");
-    if (!rows.empty() && rows.front().integer(0) >= 1) return;
-    for (const char* statement : kVersion1) database_.execute(statement);
-    database_.execute("PRAGMA user_version = 1");
+    const std::int64_t version = rows.empty() ? 0 : rows.front().integer(0);
+    if (version < 1) {
+      for (const char* statement : kVersion1) database_.execute(statement);
+    }
+    if (version < 2) database_.execute(kVersion2);
+    if (version < 2) database_.execute("PRAGMA user_version = 2");
   });
 }
 
@@ -125,14 +134,14 @@ void LocalIndex::put(const IndexEntry& entry) {
     // not see a file again merely because its content changed.
     database_.execute(
         "INSERT INTO entries (brain_id, node_id, path, is_directory, content_version, size, "
-        "mtime_ns, inode) VALUES (?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (brain_id, node_id) DO "
-        "UPDATE SET path = excluded.path, is_directory = excluded.is_directory, content_version "
-        "= excluded.content_version, size = excluded.size, mtime_ns = excluded.mtime_ns, inode = "
-        "excluded.inode",
+        "mtime_ns, inode, content_hash) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (brain_id, "
+        "node_id) DO UPDATE SET path = excluded.path, is_directory = excluded.is_directory, "
+        "content_version = excluded.content_version, size = excluded.size, mtime_ns = "
+        "excluded.mtime_ns, inode = excluded.inode, content_hash = excluded.content_hash",
         arguments(text(brainId), text(entry.nodeId), text(entry.path),
                   SQLiteArgument::boolean(entry.isDirectory), integer(entry.contentVersion),
                   integer(entry.size), integer(entry.mtimeNanoseconds),
-                  integer(static_cast<std::int64_t>(entry.inode))));
+                  integer(static_cast<std::int64_t>(entry.inode)), text(entry.contentHash)));
   });
 }
 

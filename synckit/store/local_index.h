@@ -26,6 +26,9 @@ struct IndexEntry {
   std::int64_t size = 0;
   std::int64_t mtimeNanoseconds = 0;
   std::uint64_t inode = 0;
+  // SHA-256 of the bytes as written (lower-case hex); empty for a folder or
+  // when not known. Tells a touched file from an edited one.
+  std::string contentHash;
 
   bool operator==(const IndexEntry&) const = default;
 };

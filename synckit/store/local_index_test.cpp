@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "synckit/store/sqlite_database.h"
 #include "synckit/store/sync_item_identifier.h"
 #include "synckit/testing/temporary_directory.h"
 
@@ -16,7 +17,7 @@ const Uuid kBrain = *Uuid::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
 const Uuid kOther = *Uuid::parse("0000AAAA-C36C-495A-93FC-0C247A3E6E5F");
 
 IndexEntry file(const Uuid& brain, std::string nodeId, std::string path, std::int64_t version = 1) {
-  return IndexEntry{brain, std::move(nodeId), std::move(path), false, version, 10, 20, 30};
+  return IndexEntry{brain, std::move(nodeId), std::move(path), false, version, 10, 20, 30, "ab12"};
 }
 
 std::vector<std::string> pathsOf(const std::vector<IndexEntry>& entries) {
@@ -28,9 +29,9 @@ std::vector<std::string> pathsOf(const std::vector<IndexEntry>& entries) {
 TEST(LocalIndexTest, EntriesByNodeAndPathFolderMovesAndOneItemPerPath) {
   TemporaryDirectory temp;
   LocalIndex index(temp / "provider-index.sqlite");
-  IndexEntry folder{kBrain, "n-x", "Notes/x", true, 0, 0, 5, 6};
+  IndexEntry folder{kBrain, "n-x", "Notes/x", true, 0, 0, 5, 6, ""};
   // An inode above 2^63 must survive the signed column.
-  IndexEntry big{kBrain, "n-1", "Notes/x/1.md", false, 3, 4, 5, 0xFFFF'FFFF'FFFF'FFF0ULL};
+  IndexEntry big{kBrain, "n-1", "Notes/x/1.md", false, 3, 4, 5, 0xFFFF'FFFF'FFFF'FFF0ULL, ""};
   index.put(folder);
   index.put(big);
   index.put(file(kBrain, "n-e", "Notes/x/\u00e9t\u00e9/a.md"));
@@ -95,6 +96,27 @@ TEST(LocalIndexTest, AnchorFoldersAndRetriesSurviveReopening) {
   EXPECT_EQ(index.retries(), (std::vector<std::pair<Uuid, std::string>>{{kBrain, "n-1"}}));
 }
 
+TEST(LocalIndexTest, AnIndexOfTheFirstVersionGainsContentHashesAndKeepsItsRows) {
+  TemporaryDirectory temp;
+  {
+    SQLiteDatabase old(temp / "index.sqlite");
+    old.execute(
+        "CREATE TABLE entries (brain_id TEXT NOT NULL, node_id TEXT NOT NULL, path TEXT NOT NULL "
+        "UNIQUE, is_directory INTEGER NOT NULL, content_version INTEGER NOT NULL, size INTEGER NOT "
+        "NULL, mtime_ns INTEGER NOT NULL, inode INTEGER NOT NULL, PRIMARY KEY (brain_id, "
+        "node_id))");
+    old.execute("INSERT INTO entries VALUES ('" + kBrain.toString() +
+                "', 'n-1', 'Notes/a.md', 0, 2, 10, 20, 30)");
+    old.execute("PRAGMA user_version = 1");
+  }
+  LocalIndex index(temp / "index.sqlite");
+  auto entry = index.entry(kBrain, "n-1");
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->contentHash, "");
+  index.put(file(kBrain, "n-1", "Notes/a.md", 3));
+  EXPECT_EQ(index.entry(kBrain, "n-1"), file(kBrain, "n-1", "Notes/a.md", 3));
+}
+
 TEST(LocalIndexTest, MaterializedPagesListEveryFileOnce) {
   TemporaryDirectory temp;
   const auto path = temp / "provider-index.sqlite";
@@ -106,7 +128,7 @@ TEST(LocalIndexTest, MaterializedPagesListEveryFileOnce) {
   index.transaction([&] {
     for (int i = 0; i < 1200; ++i) {
       std::string node = "n" + std::to_string(i);
-      if (i % 100 == 0) index.put({kBrain, "d" + node, "Notes/d" + node, true, 0, 0, 0, 0});
+      if (i % 100 == 0) index.put({kBrain, "d" + node, "Notes/d" + node, true, 0, 0, 0, 0, ""});
       index.put(file(kBrain, node, "Notes/" + node));
       expected.insert(SyncItemIdentifier::node(kBrain, node).string());
     }
