@@ -7,9 +7,12 @@
 
 #include "synckit/base/metadata_store_error.h"
 #include "synckit/testing/temporary_directory.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
+
+using testing::thrownBy;
 
 const Uuid kBrain = *Uuid::parse("11111111-2222-3333-4444-555555555555");
 const Uuid kOther = *Uuid::parse("AAAAAAAA-2222-3333-4444-555555555555");
@@ -40,17 +43,6 @@ std::vector<std::string> paths(const std::vector<NodeRecord>& nodes) {
 PendingChange change(PendingChangeKind kind, std::string path, const Uuid& brain = kBrain) {
   return PendingChange{std::nullopt,    brain,        std::nullopt, kind,
                        std::move(path), std::nullopt, std::nullopt, kWhen};
-}
-
-template <class F>
-MetadataStoreError storeErrorOf(F&& body) {
-  try {
-    body();
-  } catch (const MetadataStoreError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no MetadataStoreError was thrown";
-  return MetadataStoreError::corruptRow("");
 }
 
 class MetadataStoreTest : public ::testing::Test {
@@ -99,7 +91,7 @@ TEST_F(MetadataStoreTest, BrainsKeepTheirCursor) {
   store->setCursor(kBrain, std::nullopt);
   EXPECT_EQ(store->cursor(kBrain), std::nullopt);
   const Uuid unknown = Uuid::random();
-  EXPECT_EQ(storeErrorOf([&] { store->setCursor(unknown, "c"); }),
+  EXPECT_EQ(thrownBy<MetadataStoreError>([&] { store->setCursor(unknown, "c"); }),
             MetadataStoreError::unknownBrain(unknown));
   EXPECT_EQ(store->brain(unknown), std::nullopt);
 
@@ -271,26 +263,26 @@ TEST_F(MetadataStoreTest, OwnWritesAreAMultiset) {
 
 TEST_F(MetadataStoreTest, DamagedRowsAreReportedNotSkipped) {
   raw("INSERT INTO brains VALUES ('not-a-uuid', 's', 'n', NULL)");
-  EXPECT_EQ(storeErrorOf([&] { store->brains(); }),
+  EXPECT_EQ(thrownBy<MetadataStoreError>([&] { store->brains(); }),
             MetadataStoreError::corruptRow("invalid UUID \"not-a-uuid\""));
   raw("DELETE FROM brains");
 
   const std::string brain = kBrain.toString();
-  raw("INSERT INTO nodes (brain_id, node_id, path, title, is_directory, kind, updated_at) VALUES "
-      "('" +
-      brain + "', 'n1', 'p1', 't', 0, 'text', 'yesterday')");
-  raw("INSERT INTO nodes (brain_id, node_id, path, title, is_directory, kind, updated_at) VALUES "
-      "('" +
-      brain + "', 'n2', 'p2', 't', 0, 'folder', '2025-03-01T09:30:12.345Z')");
-  EXPECT_EQ(storeErrorOf([&] { store->nodeWithId(kBrain, "n1"); }),
+  for (const char* values : {"'n1', 'p1', 't', 0, 'text', 'yesterday'",
+                             "'n2', 'p2', 't', 0, 'folder', '2025-03-01T09:30:12.345Z'"}) {
+    raw("INSERT INTO nodes (brain_id, node_id, path, title, is_directory, kind, updated_at) "
+        "VALUES ('" +
+        brain + "', " + values + ")");
+  }
+  EXPECT_EQ(thrownBy<MetadataStoreError>([&] { store->nodeWithId(kBrain, "n1"); }),
             MetadataStoreError::corruptRow("invalid date \"yesterday\""));
-  EXPECT_EQ(storeErrorOf([&] { store->nodeAtPath(kBrain, "p2"); }),
+  EXPECT_EQ(thrownBy<MetadataStoreError>([&] { store->nodeAtPath(kBrain, "p2"); }),
             MetadataStoreError::corruptRow("invalid node kind \"folder\""));
   EXPECT_THROW(store->nodes(kBrain), MetadataStoreError);
 
   raw("INSERT INTO pending_changes (brain_id, change_kind, path, created_at) VALUES ('" + brain +
       "', 'rename', 'p', '2025-03-01T09:30:12.345Z')");
-  EXPECT_EQ(storeErrorOf([&] { store->pendingChanges(); }),
+  EXPECT_EQ(thrownBy<MetadataStoreError>([&] { store->pendingChanges(); }),
             MetadataStoreError::corruptRow("invalid change kind \"rename\""));
 }
 

@@ -8,20 +8,12 @@
 #include <string>
 
 #include "synckit/testing/temporary_directory.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
 
-template <class F>
-SQLiteError errorOf(F&& body) {
-  try {
-    body();
-  } catch (const SQLiteError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no SQLiteError was thrown";
-  return SQLiteError(0, "", std::nullopt);
-}
+const auto errorOf = [](auto&& body) { return testing::thrownBy<SQLiteError>(body); };
 
 class SQLiteDatabaseTest : public ::testing::Test {
  protected:

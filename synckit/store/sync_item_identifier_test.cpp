@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "synckit/base/error.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
@@ -30,12 +31,9 @@ TEST(SyncItemIdentifierTest, StringFormRoundTrips) {
   EXPECT_EQ(*lower, SyncItemIdentifier::brain(kUuid));
   EXPECT_EQ(lower->string(), "brain:" + kUuidText);
 
-  auto node = SyncItemIdentifier::parse("node:" + kUuidText + ":a:b");
-  ASSERT_TRUE(node);
-  EXPECT_EQ(node->kind(), SyncItemIdentifier::Kind::node);
-  EXPECT_EQ(std::get<SyncItemIdentifier::Node>(node->value).nodeId, "a:b");
-  EXPECT_EQ(node->brainId(), kUuid);
-  EXPECT_EQ(SyncItemIdentifier::brain(kUuid).brainId(), kUuid);
+  EXPECT_EQ(SyncItemIdentifier::parse("node:" + kUuidText + ":a:b"),
+            SyncItemIdentifier::node(kUuid, "a:b"));
+  EXPECT_EQ(SyncItemIdentifier::node(kUuid, "a:b").brainId(), kUuid);
   EXPECT_EQ(SyncItemIdentifier::root().brainId(), std::nullopt);
 }
 
@@ -51,12 +49,6 @@ TEST(SyncItemIdentifierTest, RejectsMalformedText) {
 }
 
 TEST(SyncItemIdentifierTest, HashesByValue) {
-  std::hash<SyncItemIdentifier> hash;
-  EXPECT_EQ(hash(SyncItemIdentifier::node(kUuid, "x")),
-            hash(*SyncItemIdentifier::parse("node:" + kUuidText + ":x")));
-  EXPECT_NE(hash(SyncItemIdentifier::node(kUuid, "x")), hash(SyncItemIdentifier::node(kUuid, "y")));
-  EXPECT_NE(hash(SyncItemIdentifier::brain(kUuid)), hash(SyncItemIdentifier::root()));
-
   // How the provider's list of materialized items becomes a set.
   std::unordered_set<SyncItemIdentifier> set;
   for (const std::string& text :
@@ -76,19 +68,12 @@ TEST(SyncItemIdentifierTest, CodesAsAJSONString) {
   EXPECT_EQ(list.get<std::vector<SyncItemIdentifier>>(),
             (std::vector{SyncItemIdentifier::root(), SyncItemIdentifier::brain(kUuid)}));
 
-  try {
-    nlohmann::json("brain:nope").get<SyncItemIdentifier>();
-    FAIL() << "decoded a malformed identifier";
-  } catch (const DecodingError& error) {
-    EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted);
-    EXPECT_EQ(error.description(), "Invalid item identifier: brain:nope");
-  }
-  try {
-    nlohmann::json(12).get<SyncItemIdentifier>();
-    FAIL() << "decoded a number";
-  } catch (const DecodingError& error) {
-    EXPECT_EQ(error.kind(), DecodingError::Kind::typeMismatch);
-  }
+  auto decodingError = [](const nlohmann::json& json) {
+    return testing::thrownBy<DecodingError>([&] { json.get<SyncItemIdentifier>(); });
+  };
+  EXPECT_EQ(decodingError("brain:nope").kind(), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(decodingError("brain:nope").description(), "Invalid item identifier: brain:nope");
+  EXPECT_EQ(decodingError(12).kind(), DecodingError::Kind::typeMismatch);
 }
 
 }  // namespace
