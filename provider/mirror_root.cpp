@@ -367,6 +367,11 @@ std::vector<std::string> MirrorRoot::list(std::string_view relative) const {
   return names;
 }
 
+MirrorRoot::Fd MirrorRoot::openDirectory(std::string_view relative) const {
+  auto components = componentsOf(relative);
+  return openFolder(relative, components, components.size(), false);
+}
+
 MirrorRoot::Fd MirrorRoot::openParent(std::string_view relative, std::string& lastComponent) const {
   auto components = componentsOf(relative);
   if (components.empty()) throw MirrorPathError::invalidPath(std::string(relative));

@@ -161,6 +161,11 @@ class MirrorRoot {
   // folder), sorted. Throws FileNotFoundError when it is absent.
   std::vector<std::string> list(std::string_view relative) const;
 
+  // A descriptor of the folder `relative` ("" is the root), reached like
+  // every other path, for a caller that walks a whole tree with openat;
+  // empty when the folder is absent.
+  Fd openDirectory(std::string_view relative) const;
+
   // A descriptor of the folder holding `relative` (opened O_DIRECTORY) and
   // the last component, for moving the item with renameat. Throws
   // FileNotFoundError when that folder is absent.
