@@ -12,12 +12,14 @@
 #include "synckit/platform/token_store_factory.h"
 #include "synckit/testing/scoped_environment.h"
 #include "synckit/testing/temporary_directory.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
 
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
+using testing::thrownBy;
 
 std::filesystem::perms modeOf(const std::filesystem::path& file) {
   return std::filesystem::status(file).permissions() & std::filesystem::perms::all;
@@ -36,13 +38,7 @@ TEST(TokenSetCodingTest, EncodesExactlyTheTwoKeysAndDecodesStrictly) {
             (TokenSet{"a", "r"}));
 
   auto decodingKind = [](std::string_view text) {
-    try {
-      decodeTokenSet(toBytes(text));
-    } catch (const DecodingError& error) {
-      return error.kind();
-    }
-    ADD_FAILURE() << "decoded " << text;
-    return DecodingError::Kind::dataCorrupted;
+    return thrownBy<DecodingError>([&] { decodeTokenSet(toBytes(text)); }).kind();
   };
   EXPECT_EQ(decodingKind("not json"), DecodingError::Kind::dataCorrupted);
   EXPECT_EQ(decodingKind(""), DecodingError::Kind::dataCorrupted);
@@ -84,6 +80,14 @@ TEST(FileTokenStoreTest, RoundTripsInAnOwnerOnlyFile) {
   store.clear();
   EXPECT_FALSE(std::filesystem::exists(store.file));
   EXPECT_EQ(store.load(), std::nullopt);
+
+  // A damaged file fails to load and stays until a save replaces it.
+  std::ofstream(store.file) << "{\"accessToken\": \"only\"}";
+  std::filesystem::permissions(store.file, ownerOnly);
+  EXPECT_THROW(store.load(), DecodingError);
+  EXPECT_TRUE(std::filesystem::exists(store.file));
+  store.save(TokenSet{"a", "r"});
+  EXPECT_EQ(store.load(), (TokenSet{"a", "r"}));
 }
 
 TEST(FileTokenStoreTest, CreatesPrivateFoldersAndLoadsOnlyAPrivateFileOfThisUser) {
@@ -95,15 +99,7 @@ TEST(FileTokenStoreTest, CreatesPrivateFoldersAndLoadsOnlyAPrivateFileOfThisUser
   EXPECT_EQ(modeOf(temp / "Library"), std::filesystem::perms::owner_all);
   EXPECT_EQ(modeOf(temp / "Library" / "Halvark"), std::filesystem::perms::owner_all);
 
-  auto refusal = [&] {
-    try {
-      store.load();
-    } catch (const KeychainTokenStoreError& error) {
-      return error.status();
-    }
-    ADD_FAILURE() << "loaded tokens that are not private";
-    return 0;
-  };
+  auto refusal = [&] { return thrownBy<KeychainTokenStoreError>([&] { store.load(); }).status(); };
   std::filesystem::permissions(store.file, std::filesystem::perms::group_read,
                                std::filesystem::perm_options::add);
   EXPECT_EQ(refusal(), EPERM);
@@ -124,34 +120,15 @@ TEST(FileTokenStoreTest, CreatesPrivateFoldersAndLoadsOnlyAPrivateFileOfThisUser
   }
 }
 
-TEST(FileTokenStoreTest, DamagedFileFailsToLoadAndStays) {
-  TemporaryDirectory temp;
-  FileTokenStore store(temp / "tokens.json");
-  std::ofstream(store.file) << "{\"accessToken\": \"only\"}";
-  std::filesystem::permissions(store.file, ownerOnly);
-  EXPECT_THROW(store.load(), DecodingError);
-  EXPECT_TRUE(std::filesystem::exists(store.file));
-  store.save(TokenSet{"a", "r"});
-  EXPECT_EQ(store.load(), (TokenSet{"a", "r"}));
-}
-
 TEST(FileTokenStoreTest, FileSystemFailuresSurfaceAsKeychainErrors) {
   TemporaryDirectory temp;
   std::ofstream(temp / "not-a-directory") << "x";
   FileTokenStore store(temp / "not-a-directory" / "tokens.json");
-  try {
-    store.save(TokenSet{"a", "r"});
-    FAIL() << "expected a keychain error";
-  } catch (const KeychainTokenStoreError& error) {
-    EXPECT_EQ(error, KeychainTokenStoreError::unexpectedStatus(ENOTDIR));
-    EXPECT_EQ(error.description(), "Keychain error 20: Not a directory");
-  }
-  try {
-    store.load();
-    FAIL() << "expected a keychain error";
-  } catch (const KeychainTokenStoreError& error) {
-    EXPECT_EQ(error.status(), ENOTDIR);
-  }
+  EXPECT_EQ(thrownBy<KeychainTokenStoreError>([&] {
+              store.save(TokenSet{"a", "r"});
+            }).description(),
+            "Keychain error 20: Not a directory");
+  EXPECT_EQ(thrownBy<KeychainTokenStoreError>([&] { store.load(); }).status(), ENOTDIR);
   EXPECT_EQ(KeychainTokenStoreError::unexpectedStatus(-25300).description(),
             "Keychain error -25300: unknown error");
 }
@@ -170,12 +147,9 @@ TEST(TokenStoreFactoryTest, FallsBackToTheContainerFileWithoutASecretService) {
   EXPECT_EQ(modeOf(file->file), ownerOnly);
 
   // Used directly, the keychain store reports the missing service as its own error.
-  try {
-    KeychainTokenStore().load();
-    FAIL() << "expected a keychain error";
-  } catch (const KeychainTokenStoreError& error) {
-    EXPECT_TRUE(error.description().starts_with("Keychain error ")) << error.description();
-  }
+  EXPECT_TRUE(thrownBy<KeychainTokenStoreError>([] { KeychainTokenStore().load(); })
+                  .description()
+                  .starts_with("Keychain error "));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "synckit/base/error.h"
 #include "synckit/testing/temporary_directory.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
@@ -48,14 +49,10 @@ TEST(SharedDefaultsTest, RefusesAFileNestedTooDeeplyAndLeavesIt) {
   std::ofstream(defaults.file()) << original;
 
   EXPECT_EQ(defaults.string("HVBaseURLOverride"), std::nullopt);
-  try {
-    defaults.set("HVBaseURLOverride", "https://b.test");
-    FAIL() << "wrote over a file it cannot read";
-  } catch (const DecodingError& error) {
-    EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted);
-    EXPECT_EQ(error.description(), "The shared defaults file \u201c" + defaults.file().string() +
-                                       "\u201d is nested too deeply.");
-  }
+  auto error = testing::thrownBy<DecodingError>([&] { defaults.set("HVBaseURLOverride", "x"); });
+  EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(error.description(), "The shared defaults file \u201c" + defaults.file().string() +
+                                     "\u201d is nested too deeply.");
   EXPECT_EQ(contentOf(defaults.file()), original);
 }
 

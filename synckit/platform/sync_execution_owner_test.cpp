@@ -14,6 +14,7 @@
 
 #include "synckit/base/error.h"
 #include "synckit/testing/temporary_directory.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
@@ -182,12 +183,8 @@ TEST(SyncExecutionOwnerTest, MissingDirectoryFailsWithThePosixErrorBeforeTheBody
   TemporaryDirectory temp;
   SyncExecutionOwner owner{temp / "missing" / "sync-execution.lock"};
   bool bodyRan = false;
-  try {
-    owner.run([&] { bodyRan = true; });
-    FAIL() << "expected a POSIX error";
-  } catch (const PosixError& error) {
-    EXPECT_EQ(error.code(), ENOENT);
-  }
+  EXPECT_EQ(testing::thrownBy<PosixError>([&] { owner.run([&] { bodyRan = true; }); }).code(),
+            ENOENT);
   EXPECT_FALSE(bodyRan);
   EXPECT_FALSE(std::filesystem::exists(temp / "missing"));
 }
