@@ -17,6 +17,7 @@
 #include "synckit/base/cancellation.h"
 #include "synckit/base/error.h"
 #include "synckit/testing/loopback_http_server.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
@@ -33,13 +34,15 @@ std::string echoOf(const httplib::Request& req) {
 }
 
 TransportError transportErrorOf(CurlTransport& transport, const HTTPRequest& request) {
-  try {
-    transport.send(request);
-  } catch (const TransportError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no transport error";
-  return TransportError(TransportError::Kind::other, "");
+  return testing::thrownBy<TransportError>([&] { transport.send(request); });
+}
+
+// The error a fresh transport meets when it asks `url`.
+TransportError transportErrorAt(const std::string& url) {
+  CurlTransport transport;
+  HTTPRequest request;
+  request.url = url;
+  return transportErrorOf(transport, request);
 }
 
 class CurlTransportTest : public ::testing::Test {
@@ -250,10 +253,7 @@ TEST(CurlTransportFailureTest, RefusedConnectionCannotConnect) {
     closed.start();
     port = closed.port();
   }
-  CurlTransport transport;
-  HTTPRequest request;
-  request.url = "http://127.0.0.1:" + std::to_string(port) + "/";
-  auto error = transportErrorOf(transport, request);
+  auto error = transportErrorAt("http://127.0.0.1:" + std::to_string(port) + "/");
   EXPECT_EQ(error.kind(), TransportError::Kind::cannotConnect);
   EXPECT_FALSE(error.detail().empty());
 }
@@ -276,10 +276,9 @@ TEST(CurlTransportFailureTest, ConnectionClosedWithoutAnswerIsLost) {
     close(connection);
   });
 
-  CurlTransport transport;
-  HTTPRequest request;
-  request.url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
-  EXPECT_EQ(transportErrorOf(transport, request).kind(), TransportError::Kind::connectionLost);
+  EXPECT_EQ(
+      transportErrorAt("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/").kind(),
+      TransportError::Kind::connectionLost);
   server.join();
   close(listener);
 }
@@ -318,11 +317,7 @@ TEST(CurlTransportFailureTest, UntrustedCertificateIsRefused) {
   });
   server.start();
 
-  CurlTransport transport;
-  HTTPRequest request;
-  request.url = server.url("/");
-  auto error = transportErrorOf(transport, request);
-  EXPECT_EQ(error.kind(), TransportError::Kind::secureConnectionFailed);
+  EXPECT_EQ(transportErrorAt(server.url("/")).kind(), TransportError::Kind::secureConnectionFailed);
   EXPECT_EQ(served, 0);
 }
 

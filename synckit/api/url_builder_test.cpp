@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "synckit/api/sync_api_error.h"
+#include "synckit/testing/thrown_by.h"
 
 namespace synckit {
 namespace {
@@ -18,7 +19,8 @@ TEST(URLBuilderTest, PercentEncodesEveryByteOutsideTheUnreservedSet) {
 
 TEST(URLBuilderTest, JoinsSegmentsBelowTheBasePathWithOneSlash) {
   const std::vector<std::string> segments = {"api", "sync", "brains"};
-  for (const char* base : {"https://sync.example", "https://sync.example/", "https://sync.example///"}) {
+  for (const char* base :
+       {"https://sync.example", "https://sync.example/", "https://sync.example///"}) {
     EXPECT_EQ(makeURL(base, segments), "https://sync.example/api/sync/brains") << base;
   }
   for (const char* base : {"http://127.0.0.1:8080/prefix", "http://127.0.0.1:8080/prefix/",
@@ -39,13 +41,9 @@ TEST(URLBuilderTest, QueryReplacesTheBaseQueryInTheGivenOrder) {
 }
 
 TEST(URLBuilderTest, RefusesABaseThatIsNotAURL) {
-  try {
-    makeURL("https://exa mple.com", {"api"});
-    FAIL() << "no error";
-  } catch (const SyncClientError& error) {
-    EXPECT_EQ(error.kind(), SyncClientError::Kind::invalidURL);
-    EXPECT_EQ(error.description(), "Could not build a request URL: https://exa mple.com");
-  }
+  auto error = testing::thrownBy<SyncClientError>([] { makeURL("https://exa mple.com", {"api"}); });
+  EXPECT_EQ(error.kind(), SyncClientError::Kind::invalidURL);
+  EXPECT_EQ(error.description(), "Could not build a request URL: https://exa mple.com");
 }
 
 }  // namespace

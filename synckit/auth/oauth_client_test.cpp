@@ -190,7 +190,6 @@ TEST(OAuthClientTest, NonSuccessAnswersBecomeOAuthErrors) {
   OAuthError grant = failure(FakeHTTPTransport::json(400, R"({"error":"invalid_grant"})"));
   EXPECT_EQ(grant, OAuthError(400, "invalid_grant", std::nullopt));
   EXPECT_TRUE(grant.isInvalidGrant());
-  EXPECT_FALSE(grant.isInvalidClient());
   EXPECT_STREQ(grant.what(), "OAuth error 400 invalid_grant");
 
   OAuthError client = failure(FakeHTTPTransport::json(
