@@ -10,6 +10,11 @@ using nlohmann::json;
 // SHA-256 of "abc".
 constexpr const char* kAbcHash = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
+// Status and error code of an answer, as "403 FORBIDDEN".
+std::string outcome(const Reply& reply) {
+  return std::to_string(reply.status) + " " + reply.errorCode();
+}
+
 class SyncRoutes : public ::testing::Test {
  protected:
   TestServer server;
@@ -75,15 +80,11 @@ TEST_F(SyncRoutes, DevicesAndBrainsOfTheSignedInMember) {
   Session ann = server.signIn("ann", "secret");
   std::set<std::string> annSlugs;
   Reply annBrains = server.get("/api/sync/brains", ann.accessToken);
-  for (const auto& item : annBrains.json["brains"]) {
-    annSlugs.insert(item["slug"]);
-  }
+  for (const auto& item : annBrains.json["brains"]) annSlugs.insert(item["slug"]);
   EXPECT_EQ(annSlugs, (std::set<std::string>{"notes", "private"}));
   // Ann's device is not demo's.
   EXPECT_EQ(server.get("/api/sync/devices", ann.accessToken).json["devices"].size(), 1u);
-  Reply foreignDevice = putText("a.md", "x", ann.deviceId);
-  EXPECT_EQ(foreignDevice.status, 403);
-  EXPECT_EQ(foreignDevice.errorCode(), "FORBIDDEN");
+  EXPECT_EQ(outcome(putText("a.md", "x", ann.deviceId)), "403 FORBIDDEN");
 }
 
 TEST_F(SyncRoutes, FeedResetsThenFollowsTheCursor) {
@@ -209,20 +210,16 @@ TEST_F(SyncRoutes, ErrorCodes) {
   ASSERT_EQ(putText("a.md", "a").status, 200);
   ASSERT_EQ(putText("b.md", "b").status, 200);
 
-  Reply noToken = server.get(brainPath("/changes?deviceId=" + session.deviceId));
-  EXPECT_EQ(noToken.status, 401);
-  EXPECT_EQ(noToken.errorCode(), "UNAUTHORIZED");
-
-  Reply unknownDevice = server.get(
-      brainPath("/changes?deviceId=0f0f0f0f-0000-4000-8000-000000000000"), session.accessToken);
-  EXPECT_EQ(unknownDevice.status, 403);
-  EXPECT_EQ(unknownDevice.errorCode(), "FORBIDDEN");
-
-  Reply unknownBrain = server.get(
-      "/api/sync/brains/0f0f0f0f-0000-4000-8000-000000000000/changes?deviceId=" + session.deviceId,
-      session.accessToken);
-  EXPECT_EQ(unknownBrain.status, 404);
-  EXPECT_EQ(unknownBrain.errorCode(), "NOT_FOUND");
+  EXPECT_EQ(outcome(server.get(brainPath("/changes?deviceId=" + session.deviceId))),
+            "401 UNAUTHORIZED");
+  EXPECT_EQ(outcome(server.get(brainPath("/changes?deviceId=0f0f0f0f-0000-4000-8000-000000000000"),
+                               session.accessToken)),
+            "403 FORBIDDEN");
+  EXPECT_EQ(outcome(server.get("/api/sync/brains/0f0f0f0f-0000-4000-8000-000000000000/"
+                               "changes?deviceId=" +
+                                   session.deviceId,
+                               session.accessToken)),
+            "404 NOT_FOUND");
   std::string upper = brainId;
   std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
   EXPECT_EQ(server
@@ -231,40 +228,34 @@ TEST_F(SyncRoutes, ErrorCodes) {
                 .status,
             200);
 
-  EXPECT_EQ(read("missing.md").errorCode(), "NOT_FOUND");
-  Reply notUtf8 = read("bad\xff.md");  // echoed in the message, so it must not break the answer
-  EXPECT_EQ(notUtf8.errorCode(), "NOT_FOUND") << notUtf8.body;
-  EXPECT_EQ(remove("missing.md").status, 404);
-  EXPECT_EQ(move("missing.md", "x.md").errorCode(), "NOT_FOUND");
-  Reply taken = move("a.md", "b.md");
-  EXPECT_EQ(taken.status, 409);
-  EXPECT_EQ(taken.errorCode(), "CONFLICT");
+  EXPECT_EQ(outcome(read("missing.md")), "404 NOT_FOUND");
+  // Echoed in the message, so it must not break the answer.
+  EXPECT_EQ(outcome(read("bad\xff.md")), "404 NOT_FOUND");
+  EXPECT_EQ(outcome(remove("missing.md")), "404 NOT_FOUND");
+  EXPECT_EQ(outcome(move("missing.md", "x.md")), "404 NOT_FOUND");
+  EXPECT_EQ(outcome(move("a.md", "b.md")), "409 CONFLICT");
 
   for (const std::string& bad :
        std::vector<std::string>{"", "/a.md", "a.md/", "a//b.md", "./a.md", "a/../b.md", "a\\b.md",
                                 std::string("a\0b", 3)}) {
-    Reply reply = putText(bad, "x");
-    EXPECT_EQ(reply.status, 400) << "path " << json(bad).dump();
-    EXPECT_EQ(reply.errorCode(), "BAD_REQUEST");
+    EXPECT_EQ(outcome(putText(bad, "x")), "400 BAD_REQUEST") << json(bad).dump();
   }
   EXPECT_EQ(move("a.md", "../a.md").status, 400);
   EXPECT_EQ(move("b.md", "a.md/b").status, 409);  // a file is in the way
 
-  Reply malformed =
-      server.send("PUT", brainPath("/file"), "{not json", "application/json", session.accessToken);
-  EXPECT_EQ(malformed.status, 400);
-  EXPECT_EQ(malformed.errorCode(), "BAD_REQUEST");
-  Reply missingMember =
-      server.sendJson("PUT", brainPath("/file"), {{"deviceId", session.deviceId}, {"path", "c.md"}},
-                      session.accessToken);
-  EXPECT_EQ(missingMember.status, 400);
+  EXPECT_EQ(outcome(server.send("PUT", brainPath("/file"), "{not json", "application/json",
+                                session.accessToken)),
+            "400 BAD_REQUEST");
+  EXPECT_EQ(server
+                .sendJson("PUT", brainPath("/file"),
+                          {{"deviceId", session.deviceId}, {"path", "c.md"}}, session.accessToken)
+                .status,
+            400);
   EXPECT_EQ(server.get(brainPath("/changes"), session.accessToken).status, 400);
 
   // A revoked device is refused everywhere, before anything else is looked at.
   server.control("POST", "/devices/" + session.deviceId + "/revoke");
-  Reply revoked = putText("c.md", "c");
-  EXPECT_EQ(revoked.status, 403);
-  EXPECT_EQ(revoked.errorCode(), "FORBIDDEN");
+  EXPECT_EQ(outcome(putText("c.md", "c")), "403 FORBIDDEN");
   EXPECT_EQ(server.get("/api/sync/devices", session.accessToken).json["devices"].size(), 0u);
 }
 
@@ -274,8 +265,7 @@ TEST_F(SyncRoutes, ReadOnlyFoldersRefuseChangesInsideAndAround) {
   server.control("POST", "/brains/" + brainId + "/read-only", {{"path", "shared"}});
 
   auto expectSubtree = [](const Reply& reply, const char* what) {
-    EXPECT_EQ(reply.status, 403) << what;
-    EXPECT_EQ(reply.errorCode(), "FORBIDDEN_SUBTREE") << what;
+    EXPECT_EQ(outcome(reply), "403 FORBIDDEN_SUBTREE") << what;
   };
   expectSubtree(putText("shared/policy.md", "mine now"), "overwrite");
   expectSubtree(putText("shared/new.md", "x"), "create inside");
@@ -327,18 +317,15 @@ TEST_F(SyncRoutes, MovesCarrySubtreesAndDeletesRemoveThem) {
   EXPECT_TRUE(deleted.json["cursor"].is_string());
   std::set<std::string> left;
   json tree = server.control("GET", "/brains/" + brainId + "/tree");
-  for (const auto& node : tree["nodes"]) {
-    left.insert(node["path"]);
-  }
+  for (const auto& node : tree["nodes"]) left.insert(node["path"]);
   EXPECT_EQ(left, (std::set<std::string>{"pp.md", "x"}));
 }
 
 TEST_F(SyncRoutes, BlobsOverTheLimitAreRefused) {
-  std::string big(104857601, 'z');
-  Reply reply = server.send("POST", brainPath("/blobs?deviceId=" + session.deviceId), big,
-                            "application/octet-stream", session.accessToken);
-  EXPECT_EQ(reply.status, 413);
-  EXPECT_EQ(reply.errorCode(), "PAYLOAD_TOO_LARGE");
+  EXPECT_EQ(outcome(server.send("POST", brainPath("/blobs?deviceId=" + session.deviceId),
+                                std::string(104857601, 'z'), "application/octet-stream",
+                                session.accessToken)),
+            "413 PAYLOAD_TOO_LARGE");
 }
 
 }  // namespace
