@@ -28,13 +28,5 @@ TEST(CryptoTest, Base64AndBase64URL) {
   EXPECT_EQ(base64URLEncode(toBytes("fo")), "Zm8");
 }
 
-TEST(CryptoTest, SecureRandomBytesHaveTheRequestedLength) {
-  auto a = secureRandomBytes(64);
-  auto b = secureRandomBytes(64);
-  EXPECT_EQ(a.size(), 64u);
-  EXPECT_NE(a, b);
-  EXPECT_TRUE(secureRandomBytes(0).empty());
-}
-
 }  // namespace
 }  // namespace synckit

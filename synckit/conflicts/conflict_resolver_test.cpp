@@ -190,11 +190,10 @@ TEST_F(ConflictResolverTest, RefusedMovesDeletesAndCopyUploadsAreUndoneAndAnnoun
   r->copyUploadBounced(db.brainId, copy.nodeId, copy.copyPath, *copy.journalId);
   NodeRecord node = db.node(copy.copyPath);
   EXPECT_TRUE(node.localOnly);
-  EXPECT_EQ(node.uploadError, ConflictResolver::noWriteAccessMessage);
+  EXPECT_EQ(node.uploadError, "No write access");
   EXPECT_EQ(spool.read(ConflictSpool::nodeKey(copy.nodeId)), toBytes("mine"));
   EXPECT_FALSE(spool.exists(ConflictSpool::copyKey(*copy.journalId)));
   EXPECT_TRUE(pendingPaths().empty());
-  EXPECT_EQ(ConflictResolver::noWriteAccessMessage, "No write access");
 
   Strings all = messages();
   ASSERT_EQ(all.size(), 4u);
