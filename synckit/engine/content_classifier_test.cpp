@@ -7,6 +7,7 @@ namespace {
 
 TEST(ContentClassifierTest, TextOnlyWithoutMarkNulBadUTF8OrTooManyUTF16Units) {
   constexpr std::size_t limit = ContentClassifier::maxTextLength;
+  static_assert(limit == 1048576, "the rows below are built around the 1 Mi-unit boundary");
   const std::string emoji = "\xF0\x9F\x98\x80";  // one character, two units
   std::string euros;                             // three bytes, one unit each
   for (std::size_t i = 0; i < limit; ++i) euros += "\xE2\x82\xAC";
