@@ -218,7 +218,7 @@ TEST_F(LinuxFileProviderManagerTest, SignalsTheWorkingSetAndPagesThroughTheLocal
       for (int i = 0; i < 1203; ++i) {
         const bool isDirectory = i % 100 == 0;
         const std::string node = "n" + std::to_string(i);
-        index.put({brain, node, "Brain/" + node, isDirectory, 1, 4, 0, std::uint64_t(i)});
+        index.put({brain, node, "Brain/" + node, isDirectory, 1, 4, 0, std::uint64_t(i), ""});
         if (!isDirectory)
           expected.push_back(synckit::SyncItemIdentifier::node(brain, node).string());
       }
