@@ -1,7 +1,6 @@
 #include "app/platform/control_commands.h"
 
 #include <condition_variable>
-#include <exception>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -21,24 +20,17 @@ using nlohmann::json;
 // How long a sign-out may take: the keychain and the network are involved.
 constexpr std::chrono::seconds signOutTimeout{60};
 
-// A result that the main thread hands to a connection thread waiting for it.
-// The first value or failure counts.
+// An answer that the main thread hands to a connection thread waiting for
+// it. The first one counts. Failures travel as their answer, never as an
+// exception object: its reference count lives in the uninstrumented C++
+// runtime, where ThreadSanitizer cannot see it hand the object over.
 class Handoff {
  public:
   void deliver(json value) {
     {
       std::lock_guard lock(mutex_);
-      if (value_ || error_) return;
+      if (value_) return;
       value_ = std::move(value);
-    }
-    arrived_.notify_all();
-  }
-
-  void fail(std::exception_ptr error) {
-    {
-      std::lock_guard lock(mutex_);
-      if (value_ || error_) return;
-      error_ = std::move(error);
     }
     arrived_.notify_all();
   }
@@ -47,14 +39,13 @@ class Handoff {
   // `limit` passes first.
   json await(const std::stop_token& stop, std::optional<std::chrono::seconds> limit) {
     std::unique_lock lock(mutex_);
-    const auto arrived = [this] { return value_.has_value() || error_ != nullptr; };
+    const auto arrived = [this] { return value_.has_value(); };
     const bool done =
         limit ? arrived_.wait_for(lock, stop, *limit, arrived) : arrived_.wait(lock, stop, arrived);
     if (!done) {
       if (stop.stop_requested()) throw synckit::CancellationError();
       throw synckit::Error("Halvark did not answer in time.");
     }
-    if (error_) std::rethrow_exception(error_);
     return *value_;
   }
 
@@ -62,10 +53,10 @@ class Handoff {
   std::mutex mutex_;
   std::condition_variable_any arrived_;
   std::optional<json> value_;
-  std::exception_ptr error_;
 };
 
-// Runs `work` on the main thread and waits for its answer.
+// Runs `work` on the main thread and waits for its answer; what it throws
+// becomes a failure with its text.
 template <class Work>
 json onMainThread(MainQueue& queue, Work work, const std::stop_token& stop,
                   std::optional<std::chrono::seconds> limit = ControlCommands::mainThreadTimeout) {
@@ -73,8 +64,8 @@ json onMainThread(MainQueue& queue, Work work, const std::stop_token& stop,
   queue.post([handoff, work = std::move(work)]() mutable {
     try {
       handoff->deliver(work());
-    } catch (...) {
-      handoff->fail(std::current_exception());
+    } catch (const std::exception& error) {
+      handoff->deliver(ControlProtocol::failure(error.what()));
     }
   });
   return handoff->await(stop, limit);
@@ -121,18 +112,21 @@ json actAndAwait(MainQueue& queue, AppModel& model, std::function<void(AppModel&
   };
   auto watch = std::make_shared<Watch>();
   watch->outcome = std::move(outcome);
-  onMainThread(
+  // What `act` changes right away is seen by the first check; what changes
+  // later, by the observer: both on the main thread, nothing in between.
+  const json failed = onMainThread(
       queue,
       [&queue, &model, watch, act = std::move(act)] {
         AppState& state = model.appState();
+        act(model);
         watch->observer = state.observe([&queue, &state, watch](AppState::Field) {
           queue.post([&state, watch] { watch->check(state); });
         });
-        act(model);
         watch->check(state);
         return json();
       },
       stop);
+  if (!failed.is_null()) return failed;
   return watch->answer->await(stop, limit);
 }
 
