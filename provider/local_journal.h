@@ -3,6 +3,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -83,6 +84,14 @@ class LocalJournal {
   void setCatchUp(std::function<void()> catchUp) { catchUp_ = std::move(catchUp); }
 
   Outcome apply(const std::vector<LocalChange>& changes);
+
+  // The index keys the row of a file queued for creation with this prefix
+  // and the pending change's id, until the node its upload makes takes the
+  // row over.
+  static constexpr std::string_view placeholderPrefix = "pending:";
+  static bool isPlaceholder(std::string_view nodeId) {
+    return nodeId.starts_with(placeholderPrefix);
+  }
 
  private:
   struct Batch;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "provider/freedesktop_trash.h"
+#include "provider/local_journal.h"
 #include "provider/mirror_path_error.h"
 #include "provider/mirror_root.h"
 #include "synckit/base/cancellation.h"
@@ -60,6 +61,11 @@ bool matches(const FileState& state, const IndexEntry& entry) {
   if (entry.isDirectory) return state.isDirectory && state.inode == entry.inode;
   return state.isRegular && state.size == entry.size &&
          state.mtimeNanoseconds == entry.mtimeNanoseconds && state.inode == entry.inode;
+}
+
+// The file a row records, as if it were on disk.
+FileState recorded(const IndexEntry& entry) {
+  return FileState{true, true, false, false, entry.size, entry.mtimeNanoseconds, entry.inode};
 }
 
 // Runs body(0) … body(count - 1) on up to `threads` threads, this one
@@ -128,6 +134,9 @@ struct MirrorUpdater::Pass {
   std::vector<Move> deferred;  // aside until what was in their way has gone
   std::int64_t anchor = 0;
   std::chrono::steady_clock::time_point lastProgress{};
+  // The files with a journalled edit still waiting for upload, by node id
+  // and by brain-relative path; read when first needed.
+  std::optional<std::set<Key>> pendingEdits;
 
   explicit Pass(MirrorUpdater& updater)
       : owner(updater), store(updater.store_), index(updater.index_), mirror(updater.mirror_) {}
@@ -437,8 +446,10 @@ struct MirrorUpdater::Pass {
     return std::binary_search(deleted.begin(), deleted.end(), key);
   }
 
-  // A row whose node the server has removed.
+  // A row whose node the server has removed. The row of a file the journal
+  // queued for creation has no node yet, and belongs to the user.
   bool doomed(const IndexEntry& row) {
+    if (LocalJournal::isPlaceholder(row.nodeId)) return false;
     const Key key = keyOf(row);
     if (wanted.contains(key)) return false;
     return isDeleted(key) || !store.nodeWithId(row.brainId, row.nodeId);
@@ -584,14 +595,16 @@ struct MirrorUpdater::Pass {
   }
 
   // A wanted node with no row of its own, at a path whose row belongs to
-  // a removed node of the same kind (an identity the store replaced):
-  // the row becomes the new node's, and the item stays where it is.
+  // a removed node of the same kind (an identity the store replaced) or to
+  // a file the journal queued for creation (the upload's node): the row
+  // becomes the new node's, and the item stays where it is.
   void takeOverRows() {
     index.transaction([&] {
       for (const auto& [key, item] : wanted) {
         if (index.entry(key.first, key.second)) continue;
         auto occupant = index.entryAtPath(item.path);
-        if (!occupant || occupant->isDirectory != item.node.isDirectory || !doomed(*occupant)) {
+        if (!occupant || occupant->isDirectory != item.node.isDirectory ||
+            !(doomed(*occupant) || LocalJournal::isPlaceholder(occupant->nodeId))) {
           continue;
         }
         index.remove(occupant->brainId, occupant->nodeId);
@@ -718,6 +731,14 @@ struct MirrorUpdater::Pass {
       guarded(key, [&] {
         const FileState state = mirror.stat(item.path);
         if (row && row->contentVersion == item.node.contentVersion && state.exists) return;
+        if (row && item.node.blobHash && *item.node.blobHash == row->contentHash && state.exists) {
+          // The server has the bytes the row records (this device's upload):
+          // nothing to fetch, the row only moves to the new version.
+          row->contentVersion = item.node.contentVersion;
+          index.put(*row);
+          ++summary.adopted;
+          return;
+        }
         jobs.push_back(DownloadJob{key.first, key.second, item.node.path, item.path,
                                    item.node.contentVersion, item.node.kind, item.node.blobHash,
                                    item.node.blobSize});
@@ -738,16 +759,46 @@ struct MirrorUpdater::Pass {
 
   enum class Action { write, adopt, none };
 
+  // Whether the store holds a journalled create or update of the file,
+  // not yet uploaded.
+  bool editPending(const Key& key, const std::string& nodePath) {
+    if (!pendingEdits) {
+      pendingEdits.emplace();
+      for (const synckit::PendingChange& change : store.pendingChanges()) {
+        if (change.changeKind != synckit::PendingChangeKind::create &&
+            change.changeKind != synckit::PendingChangeKind::update) {
+          continue;
+        }
+        pendingEdits->emplace(change.brainId, "/" + change.path);
+        if (change.nodeId) pendingEdits->emplace(change.brainId, *change.nodeId);
+      }
+    }
+    return pendingEdits->contains(key) || pendingEdits->contains({key.first, "/" + nodePath});
+  }
+
   // What to do with a download at its path: write it where nothing is or
-  // where the provider's unchanged file is; adopt a file with the same
-  // bytes; keep anything else.
+  // where the provider's unchanged file is, unless an edit of it waits for
+  // upload; adopt a file with the same bytes; keep anything else. When the
+  // download is what the row records (this device's own upload coming
+  // back), the file is adopted if unchanged, and otherwise only the row's
+  // version moves (seen is then what the row records), so that a later
+  // edit there is not taken for one based on an older version.
   Action decide(const DownloadResult& result, FileState& seen) {
     const DownloadJob& job = result.job;
     const Key key{job.brainId, job.nodeId};
     seen = mirror.stat(job.mirrorPath);
     auto row = index.entry(job.brainId, job.nodeId);
     if (row && row->path != job.mirrorPath) return Action::none;
-    if (!seen.exists || (row && matches(seen, *row))) return Action::write;
+    if (!seen.exists) return Action::write;
+    if (row && !row->isDirectory && row->contentHash == synckit::hexLower(result.digest)) {
+      if (!matches(seen, *row)) seen = recorded(*row);
+      return Action::adopt;
+    }
+    if (row && matches(seen, *row)) {
+      if (!editPending(key, job.nodePath)) return Action::write;
+      kept(job.mirrorPath, "its edit is waiting to be uploaded");
+      return Action::none;
+    }
     auto occupant = index.entryAtPath(job.mirrorPath);
     if (seen.isRegular && (!occupant || keyOf(*occupant) == key) && seen.size == result.size &&
         synckit::sha256(mirror.read(job.mirrorPath, static_cast<std::size_t>(result.size) + 1)) ==

@@ -36,6 +36,13 @@ class MirrorRoot;
 //   bytes than the download, and a folder holding either, are never
 //   replaced, moved to the trash or removed: "Kept local …" is logged once
 //   and the item stays for the conflict handling of the upward half;
+// - what the journal records in the index (an edit queued for upload) counts
+//   as the provider's own, and is not overwritten while the edit waits for
+//   upload; a download with the bytes a row records (the upload coming
+//   back) is adopted without rewriting, and when the file changed again
+//   since, only the row's version moves; the row of a file queued for
+//   creation is never trashed and passes to the node the upload makes at
+//   its path;
 // - removed nodes go to the freedesktop trash; moves are renames (a folder
 //   once, its children with it), never downloads;
 // - the disk changes first and the index follows, so an interrupted update
