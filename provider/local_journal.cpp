@@ -622,6 +622,9 @@ struct LocalJournal::Batch {
       }
       index.movePrefix(from.path, destination);
     });
+    // A file may have changed on its way (or be another file that took
+    // the moved one's inode, as a rescan sees it).
+    appeared(locate(destination), false);
   }
 
   // The store's node of a row; none for a file queued for creation or a

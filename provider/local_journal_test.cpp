@@ -143,6 +143,7 @@ TEST_F(LocalJournalTest, MovesDeletesAndItemsAtTheTopOfTheMirror) {
   world.updater->update();
 
   fs::rename(at("Notes/c.md"), at("Notes/c2.md"));
+  writeFile(at("Notes/c2.md"), "gamma, renamed");
   fs::create_directories(at("Notes/archive"));
   fs::rename(at("Notes/docs"), at("Notes/archive/docs"));
   fs::remove(at("Notes/gone.md"));
@@ -163,6 +164,7 @@ TEST_F(LocalJournalTest, MovesDeletesAndItemsAtTheTopOfTheMirror) {
   const auto outcome = journal.apply(changes);
   const std::vector<Queued> expected{
       {PendingChangeKind::move, "c2.md", "c.md"},
+      {PendingChangeKind::update, "c2.md", {}},
       {PendingChangeKind::mkdir, "archive", {}},
       {PendingChangeKind::move, "archive/docs", "docs"},
       {PendingChangeKind::delete_, "gone.md", {}},
@@ -170,7 +172,7 @@ TEST_F(LocalJournalTest, MovesDeletesAndItemsAtTheTopOfTheMirror) {
       {PendingChangeKind::create, "c2 2.md", {}},
   };
   EXPECT_EQ(queued(), expected);
-  EXPECT_EQ(outcome.journalled, 6);
+  EXPECT_EQ(outcome.journalled, 7);
   const std::vector<std::string> refusals{
       std::string(synckit::UploadPlanner::crossBrainMessage),
       "This file is too large to upload (104857601 bytes). The limit is 104857600 bytes."};
@@ -194,7 +196,7 @@ TEST_F(LocalJournalTest, MovesDeletesAndItemsAtTheTopOfTheMirror) {
                           {"Notes/archive/docs/sub", kFolder},
                           {"Notes/archive/docs/sub/b.md", "beta"},
                           {"Notes/c2 2.md", "a clash"},
-                          {"Notes/c2.md", "gamma"},
+                          {"Notes/c2.md", "gamma, renamed"},
                           {"Notes/loose.md", "at the top"},
                           {"Work", kFolder},
                           {"Work/x.md", "crossing"}};
