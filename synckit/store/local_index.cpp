@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 #include <system_error>
+#include <variant>
 
 #include "synckit/base/metadata_store_error.h"
 #include "synckit/store/sqlite_error.h"
@@ -47,17 +48,26 @@ SQLiteArgument text(const Uuid::Text& value) { return text({value.data(), value.
 SQLiteArgument integer(std::int64_t value) { return SQLiteArgument::integer(value); }
 
 Uuid uuidAt(const SQLiteRow& row, std::size_t index) {
-  std::string value = row.string(index);
+  const auto* text = std::get_if<SQLiteValue::Text>(&row.values.at(index).value);
+  const std::string_view value = text ? std::string_view(text->value) : std::string_view();
   auto uuid = Uuid::parse(value);
-  if (!uuid) throw MetadataStoreError::corruptRow("invalid UUID \"" + value + "\"");
+  if (!uuid) throw MetadataStoreError::corruptRow("invalid UUID \"" + std::string(value) + "\"");
   return *uuid;
 }
 
-IndexEntry entryFromRow(const SQLiteRow& row) {
-  return IndexEntry{
-      uuidAt(row, 0), row.string(1),  row.string(2),  row.integer(3) != 0,
-      row.integer(4), row.integer(5), row.integer(6), static_cast<std::uint64_t>(row.integer(7)),
-      row.string(8)};
+// The text of a column, moved out of the row: a rescan reads every row at
+// once, and copying each text again would cost it about what SQLite does.
+std::string takeText(SQLiteRow& row, std::size_t index) {
+  auto* text = std::get_if<SQLiteValue::Text>(&row.values[index].value);
+  return text ? std::move(text->value) : std::string();
+}
+
+IndexEntry entryFromRow(SQLiteRow& row) {
+  return IndexEntry{uuidAt(row, 0),   takeText(row, 1),
+                    takeText(row, 2), row.integer(3) != 0,
+                    row.integer(4),   row.integer(5),
+                    row.integer(6),   static_cast<std::uint64_t>(row.integer(7)),
+                    takeText(row, 8)};
 }
 
 // The bounds of every path strictly below `prefix`: from prefix + "/" up to,
@@ -90,7 +100,9 @@ LocalIndex::LocalIndex(const std::filesystem::path& file) : database_(file) {
 std::vector<IndexEntry> LocalIndex::queryEntries(std::string_view sql,
                                                  std::span<const SQLiteArgument> bindings) {
   std::vector<IndexEntry> entries;
-  for (const auto& row : database_.query(sql, bindings)) entries.push_back(entryFromRow(row));
+  auto rows = database_.query(sql, bindings);
+  entries.reserve(rows.size());
+  for (auto& row : rows) entries.push_back(entryFromRow(row));
   return entries;
 }
 
@@ -114,6 +126,18 @@ std::vector<IndexEntry> LocalIndex::entries(const Uuid& brainId) {
   Lock guard(lock_);
   static const std::string sql = std::string(kEntryColumns) + "WHERE brain_id = ? ORDER BY path";
   return queryEntries(sql, arguments(text(brainId.toText())));
+}
+
+std::vector<LocalIndex::Location> LocalIndex::locations() {
+  Lock guard(lock_);
+  auto rows = database_.query("SELECT path, is_directory, size, mtime_ns, inode FROM entries");
+  std::vector<Location> locations;
+  locations.reserve(rows.size());
+  for (auto& row : rows) {
+    locations.push_back({takeText(row, 0), row.integer(1) != 0, row.integer(2), row.integer(3),
+                         static_cast<std::uint64_t>(row.integer(4))});
+  }
+  return locations;
 }
 
 std::vector<IndexEntry> LocalIndex::entriesUnder(std::string_view pathPrefix) {

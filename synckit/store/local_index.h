@@ -52,6 +52,17 @@ class LocalIndex {
     bool operator==(const Page&) const = default;
   };
 
+  // One entry's path and what the provider saw there.
+  struct Location {
+    std::string path;
+    bool isDirectory = false;
+    std::int64_t size = 0;
+    std::int64_t mtimeNanoseconds = 0;
+    std::uint64_t inode = 0;
+
+    bool operator==(const Location&) const = default;
+  };
+
   // Opens or creates the file (WAL, 5 s busy timeout) and its tables.
   explicit LocalIndex(const std::filesystem::path& file);
   LocalIndex(const LocalIndex&) = delete;
@@ -61,6 +72,10 @@ class LocalIndex {
   std::optional<IndexEntry> entryAtPath(std::string_view path);
   // A brain's entries by path.
   std::vector<IndexEntry> entries(const Uuid& brainId);
+  // Where every brain's items are and what the provider saw there, without
+  // their identities and hashes: what a rescan compares the whole disk with,
+  // read in one pass over the table, in no particular order.
+  std::vector<Location> locations();
   // The entry at `pathPrefix` and every entry below it, by path.
   std::vector<IndexEntry> entriesUnder(std::string_view pathPrefix);
   // Adds or replaces the node's row. Only one item can be at a path, so

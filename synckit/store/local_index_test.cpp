@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 
 #include "synckit/store/sqlite_database.h"
@@ -64,6 +65,15 @@ TEST(LocalIndexTest, EntriesByNodeAndPathFolderMovesAndOneItemPerPath) {
   index.remove(kBrain, "n-new");
   EXPECT_EQ(index.entryAtPath("Notes/xy"), std::nullopt);
   EXPECT_EQ(index.entries(kBrain).size(), 4u);
+  // Every brain's rows at once, in whatever order the table holds them.
+  auto locations = index.locations();
+  std::sort(locations.begin(), locations.end(),
+            [](const auto& a, const auto& b) { return a.path < b.path; });
+  ASSERT_EQ(locations.size(), 5u);
+  EXPECT_EQ(locations[0], (LocalIndex::Location{"Notes/b.md", false, 10, 20, 30}));
+  EXPECT_EQ(locations[2], (LocalIndex::Location{"Notes/\u00fcber", true, 0, 5, 6}));
+  EXPECT_EQ(locations[3].inode, big.inode);
+  EXPECT_EQ(locations[4].path, "Other/x/1.md");
 }
 
 TEST(LocalIndexTest, AnchorFoldersAndRetriesSurviveReopening) {
