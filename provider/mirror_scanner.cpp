@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <set>
@@ -15,25 +17,21 @@
 #include <unordered_set>
 #include <utility>
 
+#include "provider/mirror_names.h"
 #include "provider/mirror_path_error.h"
 #include "provider/mirror_root.h"
 #include "synckit/base/crypto.h"
 #include "synckit/base/error.h"
-#include "synckit/platform/ignore_list.h"
 #include "synckit/store/local_index.h"
 
 namespace halvark::provider::MirrorScanner {
 namespace {
 
 using synckit::IndexEntry;
+using Location = synckit::LocalIndex::Location;
 using Fd = MirrorRoot::Fd;
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-// The updater parks an item under this prefix (at the top of its brain
-// folder, or of the mirror for a brain folder) while its own target is
-// taken. After a crash the parked item is still the indexed one: it is
-// neither new nor gone.
-constexpr std::string_view kAsidePrefix = ".halvark-moving-";
 
 bool isBelow(std::string_view path, std::string_view folder) {
   return path.size() > folder.size() && path[folder.size()] == '/' && path.starts_with(folder);
@@ -63,9 +61,8 @@ struct DiskItem {
   std::int64_t mtimeNanoseconds = 0;
   std::uint64_t inode = 0;
   bool isDirectory = false;
-  bool listed = true;    // a folder whose whole content was seen
-  bool readable = true;  // a new file that can be read
-  int parent = -1;       // its folder's item; -1 at the top of a brain folder or the mirror
+  bool listed = true;  // a folder whose whole content was seen
+  int parent = -1;     // its folder's item; -1 at the top of a brain folder or the mirror
   std::size_t end = 0;
   int entry = -1;         // the index entry it is, once matched
   bool edited = false;    // a matched file whose bytes differ from its entry's
@@ -180,6 +177,40 @@ class Timeline {
   std::unordered_map<std::string, std::vector<std::size_t>> exact_;
 };
 
+// The index's rows by path: open addressing over row numbers, so that a
+// hundred thousand rows cost no allocation each.
+class PathTable {
+ public:
+  void build(const std::vector<Location>& rows) {
+    rows_ = &rows;
+    std::size_t size = 16;
+    while (size < rows.size() * 2) size *= 2;
+    slots_.assign(size, -1);
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+      std::size_t slot = hash(rows[row].path);
+      while (slots_[slot] >= 0) slot = (slot + 1) & (slots_.size() - 1);
+      slots_[slot] = static_cast<int>(row);
+    }
+  }
+
+  // The row at `path`, or -1.
+  int find(std::string_view path) const {
+    if (slots_.empty()) return -1;
+    for (std::size_t slot = hash(path);; slot = (slot + 1) & (slots_.size() - 1)) {
+      const int row = slots_[slot];
+      if (row < 0 || (*rows_)[row].path == path) return row;
+    }
+  }
+
+ private:
+  std::size_t hash(std::string_view path) const {
+    return std::hash<std::string_view>()(path) & (slots_.size() - 1);
+  }
+
+  const std::vector<Location>* rows_ = nullptr;
+  std::vector<int> slots_;
+};
+
 // One change still to be put in order.
 struct Step {
   enum class Kind { create, move, remove };
@@ -199,8 +230,13 @@ class Scan {
       : mirror_(mirror), index_(index), onUnsupported_(handler) {}
 
   std::vector<LocalChange> run() {
-    load();
+    for (auto& [brainId, folder] : index_.brainFolders()) brainFolders_.insert(std::move(folder));
+    // Reading the index takes about as long as walking the disk: both at
+    // once. (Should the walk throw, the future waits for the read.)
+    auto loading = std::async(std::launch::async, [this] { load(); });
     walk();
+    loading.get();
+    matchInPlace();
     matchMoves();
     orderMovesAndRemovals();
     addNewAndEdited();
@@ -212,24 +248,16 @@ class Scan {
   // --- The index -------------------------------------------------------
 
   void load() {
-    for (auto& [brainId, folder] : index_.brainFolders()) {
-      auto brainEntries = index_.entries(brainId);
-      entries_.insert(entries_.end(), std::make_move_iterator(brainEntries.begin()),
-                      std::make_move_iterator(brainEntries.end()));
-      brainFolders_.insert(std::move(folder));
-    }
+    entries_ = index_.locations();
     fates_.assign(entries_.size(), Fate::open);
     placedAt_.assign(entries_.size(), -1);
-    entryAt_.reserve(entries_.size());
-    for (std::size_t e = 0; e < entries_.size(); ++e) {
-      entryAt_.emplace(entries_[e].path, static_cast<int>(e));
-    }
+    entryAt_.build(entries_);
   }
 
   std::optional<int> parentEntry(int e) const {
-    auto found = entryAt_.find(parentOf(entries_[e].path));
-    if (found == entryAt_.end()) return std::nullopt;
-    return found->second;
+    const int parent = entryAt_.find(parentOf(entries_[e].path));
+    if (parent < 0) return std::nullopt;
+    return parent;
   }
 
   void place(int e, int item, Fate fate) {
@@ -245,7 +273,8 @@ class Scan {
   }
 
   void walk() {
-    Fd root = mirror_.openDirectory("");
+    root_ = mirror_.openDirectory("");
+    const Fd& root = root_;
     if (!root) throw MirrorPathError::unusableRoot(mirror_.path().string(), ENOENT);
     auto names = namesIn(root.get());
     if (!names) throw MirrorPathError::systemError(".", "list", errno);
@@ -254,11 +283,10 @@ class Scan {
         noteStaging(root.get());
         continue;
       }
-      if (name.starts_with(kAsidePrefix)) {
+      if (MirrorNames::isProviderOwned(name)) {
         noteAside(root.get(), name);
         continue;
       }
-      if (synckit::IgnoreList::isIgnored(name)) continue;
       struct stat status;
       if (::fstatat(root.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno != ENOENT) unsupported(name, inspectError(name, errno));
@@ -272,6 +300,7 @@ class Scan {
         }
         continue;
       }
+      if (!MirrorNames::isSynced(name, S_ISDIR(status.st_mode))) continue;
       visit(root.get(), name, std::string(name), status, -1);
     }
   }
@@ -326,11 +355,6 @@ class Scan {
     } else if (S_ISREG(status.st_mode)) {
       const int item = add(std::move(path), status, false, parent);
       disk_[item].end = disk_.size();
-      if (disk_[item].entry >= 0) {
-        checkContent(item, folder, name.c_str());
-      } else {
-        disk_[item].readable = ::faccessat(folder, name.c_str(), R_OK, AT_EACCESS) == 0;
-      }
     } else if (S_ISLNK(status.st_mode)) {
       unsupported(path, MirrorPathError::symbolicLink(path, path).description());
     } else {
@@ -338,7 +362,6 @@ class Scan {
     }
   }
 
-  // Adds an item; an entry of its kind at its path is that item.
   int add(std::string path, const struct stat& status, bool isDirectory, int parent) {
     const int item = static_cast<int>(disk_.size());
     DiskItem& added = disk_.emplace_back();
@@ -348,12 +371,6 @@ class Scan {
     added.inode = static_cast<std::uint64_t>(status.st_ino);
     added.isDirectory = isDirectory;
     added.parent = parent;
-    if (auto found = entryAt_.find(added.path); found != entryAt_.end()) {
-      const int e = found->second;
-      if (fates_[e] == Fate::open && entries_[e].isDirectory == isDirectory) {
-        place(e, item, Fate::stays);
-      }
-    }
     return item;
   }
 
@@ -374,12 +391,12 @@ class Scan {
       return false;
     }
     for (const std::string& child : *names) {
-      if (synckit::IgnoreList::isIgnored(child)) continue;
-      if (item < 0 && child.starts_with(kAsidePrefix)) {
+      std::string childPath = path + "/" + child;
+      // Only the top of a brain folder holds the provider's own items.
+      if (item < 0 && MirrorNames::isProviderOwned(childPath)) {
         noteAside(folder.get(), child);
         continue;
       }
-      std::string childPath = path + "/" + child;
       struct stat status;
       if (::fstatat(folder.get(), child.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT) continue;
@@ -388,6 +405,7 @@ class Scan {
         unsupported(path, MirrorPathError::systemError(path, "list", errno).description());
         return false;
       }
+      if (!MirrorNames::isSynced(childPath, S_ISDIR(status.st_mode))) continue;
       visit(folder.get(), child, std::move(childPath), status, item);
     }
     return true;
@@ -433,19 +451,28 @@ class Scan {
 
   // A matched file: unchanged when it kept its size, mtime and inode, or
   // its bytes; edited otherwise.
-  void checkContent(int item, int folder, const char* name) {
+  void checkContent(int item) {
     DiskItem& file = disk_[item];
-    const IndexEntry& entry = entries_[file.entry];
+    const Location& entry = entries_[file.entry];
     if (file.size == entry.size && file.mtimeNanoseconds == entry.mtimeNanoseconds &&
         file.inode == entry.inode) {
       return;
     }
-    if (entry.contentHash.empty()) {
+    const std::string hash = index_.entryAtPath(entry.path).value_or(IndexEntry{}).contentHash;
+    if (hash.empty()) {
       file.edited = true;
       return;
     }
+    std::string name;
     int code = 0;
-    switch (contentOf(folder, name, file, entry.contentHash, code)) {
+    Content content = Content::different;
+    try {
+      Fd folder = mirror_.openParent(file.path, name);
+      content = contentOf(folder.get(), name.c_str(), file, hash, code);
+    } catch (const synckit::Error&) {
+      // Changed since the walk: let the journal read what is there now.
+    }
+    switch (content) {
       case Content::same:
         touched_.push_back(item);
         break;
@@ -458,18 +485,18 @@ class Scan {
     }
   }
 
-  void checkContentAt(int item) {
-    std::string name;
-    try {
-      Fd folder = mirror_.openParent(disk_[item].path, name);
-      checkContent(item, folder.get(), name.c_str());
-    } catch (const synckit::Error&) {
-      // Changed since the walk: let the journal read what is there now.
-      disk_[item].edited = true;
+  // --- Matching ------------------------------------------------------------
+
+  // An entry of an item's kind at its path is that item.
+  void matchInPlace() {
+    for (std::size_t i = 0; i < disk_.size(); ++i) {
+      const DiskItem& item = disk_[i];
+      const int e = entryAt_.find(item.path);
+      if (e < 0 || entries_[e].isDirectory != item.isDirectory) continue;
+      place(e, static_cast<int>(i), Fate::stays);
+      if (!item.isDirectory) checkContent(static_cast<int>(i));
     }
   }
-
-  // --- Moves -------------------------------------------------------------
 
   // Entries not at their own path: carried along with a moved folder, moved
   // by themselves (found by inode), gone, or out of sight.
@@ -481,17 +508,24 @@ class Scan {
       newByInode[disk_[i].inode].push_back(static_cast<int>(i));
       newAt.emplace(disk_[i].path, static_cast<int>(i));
     }
-    // Entries come by path within each brain, so a folder's fate is known
-    // before its content's.
+    std::vector<int> open;
     for (std::size_t index = 0; index < entries_.size(); ++index) {
       const int e = static_cast<int>(index);
       if (fates_[e] != Fate::open) continue;
-      const IndexEntry& entry = entries_[e];
+      const Location& entry = entries_[e];
       if (!walkedBrains_.contains(topOf(entry.path)) ||
-          synckit::IgnoreList::isIgnored(entry.path) || asideInodes_.contains(entry.inode)) {
+          !MirrorNames::isSynced(entry.path, entry.isDirectory) ||
+          asideInodes_.contains(entry.inode)) {
         fates_[e] = Fate::unseen;
-        continue;
+      } else {
+        open.push_back(e);
       }
+    }
+    // By path, so that a folder's fate is known before its content's.
+    std::sort(open.begin(), open.end(),
+              [&](int a, int b) { return entries_[a].path < entries_[b].path; });
+    for (const int e : open) {
+      const Location& entry = entries_[e];
       int target = -1;
       Fate fate = Fate::moved;
       if (auto parent = parentEntry(e)) {
@@ -516,7 +550,7 @@ class Scan {
       if (target < 0) {
         if (auto found = newByInode.find(entry.inode); found != newByInode.end()) {
           for (int candidate : found->second) {
-            if (disk_[candidate].entry < 0 && disk_[candidate].isDirectory == entry.isDirectory) {
+            if (disk_[candidate].entry < 0 && sameItem(e, candidate)) {
               target = candidate;
               break;
             }
@@ -528,15 +562,49 @@ class Scan {
         continue;
       }
       place(e, target, fate);
-      if (!entry.isDirectory) checkContentAt(target);
+      if (!entry.isDirectory) checkContent(target);
     }
+  }
+
+  // Whether the new item with the entry's inode number is the entry's item
+  // moved, rather than a new one that got a freed number back (which file
+  // systems do at once): a moved file keeps its mtime or at least its
+  // size; a moved folder still holds one of its items, or is as empty as
+  // it was.
+  bool sameItem(int e, int item) {
+    const Location& entry = entries_[e];
+    const DiskItem& found = disk_[item];
+    if (found.isDirectory != entry.isDirectory) return false;
+    if (!found.isDirectory) {
+      return found.mtimeNanoseconds == entry.mtimeNanoseconds || found.size == entry.size;
+    }
+    bool empty = true;
+    for (std::size_t i = static_cast<std::size_t>(item) + 1; i < found.end; i = disk_[i].end) {
+      empty = false;
+      const int child = entryAt_.find(entry.path + "/" + std::string(nameOf(disk_[i].path)));
+      if (child >= 0 && entries_[child].inode == disk_[i].inode &&
+          entries_[child].isDirectory == disk_[i].isDirectory) {
+        return true;
+      }
+    }
+    return empty && !hasChildren(e);
+  }
+
+  bool hasChildren(int e) {
+    if (withChildren_.empty()) {
+      withChildren_.assign(entries_.size(), false);
+      for (std::size_t child = 0; child < entries_.size(); ++child) {
+        if (auto parent = parentEntry(static_cast<int>(child))) withChildren_[*parent] = true;
+      }
+    }
+    return withChildren_[e];
   }
 
   // --- Order ---------------------------------------------------------------
 
   Occupant initially(std::string_view path) const {
-    if (auto found = entryAt_.find(path); found != entryAt_.end()) {
-      return entries_[found->second].isDirectory ? Occupant::folder : Occupant::file;
+    if (const int e = entryAt_.find(path); e >= 0) {
+      return entries_[e].isDirectory ? Occupant::folder : Occupant::file;
     }
     if (path.empty() || brainFolders_.contains(path)) return Occupant::folder;
     return Occupant::none;
@@ -574,21 +642,12 @@ class Scan {
     step.done = true;
     switch (step.kind) {
       case Step::Kind::create: {
-        DiskItem& item = disk_[step.item];
-        item.reported = true;
-        if (!item.isDirectory && !item.readable) {
-          unsupported(item.path,
-                      MirrorPathError::systemError(item.path, "read", EACCES).description());
-          return;
-        }
-        changes_.push_back(
-            {item.isDirectory ? LocalChange::Kind::madeFolder : LocalChange::Kind::written,
-             item.path, std::nullopt, item.isDirectory});
-        timeline_.create(item.path, item.isDirectory);
+        const DiskItem& item = disk_[step.item];
+        if (reportNew(step.item)) timeline_.create(item.path, item.isDirectory);
         return;
       }
       case Step::Kind::move: {
-        const IndexEntry& entry = entries_[step.entry];
+        const Location& entry = entries_[step.entry];
         pendingSources_.erase(entry.path);
         std::string from = timeline_.whereNow(entry.path);
         const std::string& to = disk_[step.item].path;
@@ -598,7 +657,7 @@ class Scan {
         return;
       }
       case Step::Kind::remove: {
-        const IndexEntry& entry = entries_[step.entry];
+        const Location& entry = entries_[step.entry];
         // A folder above it went after all (see giveUpMove): one removal.
         if (auto parent = parentEntry(step.entry); parent && fates_[*parent] == Fate::removed) {
           return;
@@ -714,43 +773,57 @@ class Scan {
     std::sort(items.begin(), items.end(),
               [&](int a, int b) { return disk_[a].path < disk_[b].path; });
     for (int i : items) {
-      const DiskItem& item = disk_[i];
-      if (item.entry < 0 && !item.isDirectory && !item.readable) {
-        unsupported(item.path,
-                    MirrorPathError::systemError(item.path, "read", EACCES).description());
-        continue;
+      if (disk_[i].entry < 0) {
+        reportNew(i);
+      } else {
+        changes_.push_back({LocalChange::Kind::written, disk_[i].path, std::nullopt, false});
       }
-      changes_.push_back(
-          {item.isDirectory ? LocalChange::Kind::madeFolder : LocalChange::Kind::written, item.path,
-           std::nullopt, item.isDirectory});
     }
+  }
+
+  // Reports a new item, unless it is a file that cannot be read (which the
+  // journal could not upload either).
+  bool reportNew(int index) {
+    DiskItem& item = disk_[index];
+    item.reported = true;
+    // Only a check: the journal reads the file without following links.
+    if (!item.isDirectory &&
+        ::faccessat(root_.get(), item.path.c_str(), R_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) != 0 &&
+        errno == EACCES) {
+      unsupported(item.path, MirrorPathError::systemError(item.path, "read", EACCES).description());
+      return false;
+    }
+    changes_.push_back(
+        {item.isDirectory ? LocalChange::Kind::madeFolder : LocalChange::Kind::written, item.path,
+         std::nullopt, item.isDirectory});
+    return true;
   }
 
   // Touched files, and folders that were made again under the same name,
   // are what the index says from now on: the next scan need not read them,
   // and the updater can tell them from local edits.
   void refreshIndex() {
-    std::vector<IndexEntry> rows;
-    auto refreshed = [&](int item) {
-      const DiskItem& found = disk_[item];
-      IndexEntry row = entries_[found.entry];
-      row.size = found.size;
-      row.mtimeNanoseconds = found.mtimeNanoseconds;
-      row.inode = found.inode;
-      rows.push_back(std::move(row));
-    };
+    std::vector<int> items;
     for (int item : touched_) {
-      if (disk_[item].entry >= 0) refreshed(item);
+      if (disk_[item].entry >= 0) items.push_back(item);
     }
     for (std::size_t e = 0; e < entries_.size(); ++e) {
       if (placedAt_[e] >= 0 && entries_[e].isDirectory &&
           disk_[placedAt_[e]].inode != entries_[e].inode) {
-        refreshed(placedAt_[e]);
+        items.push_back(placedAt_[e]);
       }
     }
-    if (rows.empty()) return;
+    if (items.empty()) return;
     index_.transaction([&] {
-      for (const IndexEntry& row : rows) index_.put(row);
+      for (int item : items) {
+        const DiskItem& found = disk_[item];
+        auto row = index_.entryAtPath(entries_[found.entry].path);
+        if (!row) continue;
+        row->size = found.size;
+        row->mtimeNanoseconds = found.mtimeNanoseconds;
+        row->inode = found.inode;
+        index_.put(*row);
+      }
     });
   }
 
@@ -758,15 +831,17 @@ class Scan {
   synckit::LocalIndex& index_;
   const UnsupportedHandler& onUnsupported_;
 
-  std::vector<IndexEntry> entries_;
+  Fd root_;
+  std::vector<Location> entries_;
   std::vector<Fate> fates_;
   std::vector<int> placedAt_;
-  std::unordered_map<std::string_view, int> entryAt_;
+  PathTable entryAt_;
   std::set<std::string, std::less<>> brainFolders_;
   std::set<std::string, std::less<>> walkedBrains_;
   std::unordered_set<std::uint64_t> asideInodes_;
   std::vector<DiskItem> disk_;
   std::vector<int> touched_;
+  std::vector<bool> withChildren_;  // by entry, worked out when first asked
   std::vector<std::uint8_t> buffer_;
 
   Timeline timeline_{[this](std::string_view path) { return initially(path); }};

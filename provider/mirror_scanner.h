@@ -41,10 +41,10 @@ using UnsupportedHandler = std::function<void(const std::string& path, const std
 //   content differs is also `written` at its new path.
 // - A new item at the top of the mirror, outside every brain folder, is
 //   reported like any other, with its top-level path (and its content).
-// - Left out: the staging folder, the updater's items waiting aside,
-//   ignored names (synckit::IgnoreList), symbolic links, special files and
-//   what cannot be read. The index's items that the scan cannot see (under
-//   an unreadable folder, in a missing brain folder, waiting aside) are
+// - Left out: the provider's own items and names that are never synced
+//   (MirrorNames), symbolic links, special files and what cannot be read.
+//   The index's items that the scan cannot see (under an unreadable
+//   folder, in a missing brain folder, waiting aside after a crash) are
 //   neither moved nor removed.
 //
 // Throws MirrorPathError when the mirror itself cannot be listed, and the

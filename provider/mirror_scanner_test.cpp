@@ -95,10 +95,12 @@ TEST_F(MirrorScannerTest, FindsEditsNewItemsMovesAndRemovalsInAnOrderThatApplies
   write("Brain/edited.md", "CONTENT OF edited.md");
   fs::remove(root / "Brain/gone.md");
   fs::rename(root / "Brain/renamed.md", root / "Brain/renamed2.md");
-  // Moved into a folder made meanwhile, then edited.
+  // Moved into a folder made meanwhile, then edited (a moved file keeps its
+  // inode and its mtime or size; a new file that got a freed inode number
+  // has neither).
   fs::create_directory(root / "Brain/new");
   fs::rename(root / "Brain/m.md", root / "Brain/new/m.md");
-  write("Brain/new/m.md", "longer content of m.md");
+  write("Brain/new/m.md", "CONTENT OF m.md");
   // A folder moved, one kept out of a removed folder.
   fs::rename(root / "Brain/box", root / "Brain/target/box");
   fs::rename(root / "Brain/old/a.md", root / "Brain/a.md");
@@ -114,6 +116,8 @@ TEST_F(MirrorScannerTest, FindsEditsNewItemsMovesAndRemovalsInAnOrderThatApplies
   // Never reported as changes.
   write("Brain/.DS_Store", "desktop metadata");
   write(".halvark-staging/0123.partial", "a download");
+  write("Brain/.notes.md.swp", "an editor's swap file");
+  fs::create_directory(root / ".Trash-0");
   fs::create_directory_symlink("/etc", root / "Brain/link");
   ASSERT_EQ(::mkfifo((root / "Brain/pipe").c_str(), 0600), 0);
 
@@ -142,7 +146,7 @@ TEST_F(MirrorScannerTest, FindsEditsNewItemsMovesAndRemovalsInAnOrderThatApplies
   EXPECT_EQ(index.entryAtPath("Brain/keep")->inode, mirror.stat("Brain/keep").inode);
 }
 
-TEST_F(MirrorScannerTest, ItemsOutOfSightAreNeitherMovedNorRemovedAndCirclesStillApply) {
+TEST_F(MirrorScannerTest, UnseenItemsStayReusedInodesAreNoMovesAndCirclesStillApply) {
   index.setBrainFolder(brain, "Brain");
   index.setBrainFolder(*synckit::Uuid::parse("11111111-2222-3333-4444-555555555555"), "Gone");
   provide("Brain/parked.md", "parked");
@@ -159,14 +163,38 @@ TEST_F(MirrorScannerTest, ItemsOutOfSightAreNeitherMovedNorRemovedAndCirclesStil
   fs::remove(mirror.path() / "Brain/P");
   mirror.rename("Brain/c.md", "Brain/P");
 
+  // Gone while a new file and a new folder got their inode numbers.
+  provide("Brain/gone.md", "gone");
+  provide("Brain/goneDir", std::nullopt);
+  provide("Brain/goneDir/x.md", "x");
+  fs::remove(mirror.path() / "Brain/gone.md");
+  fs::remove_all(mirror.path() / "Brain/goneDir");
+  write("Brain/fresh.md", "fresh content");
+  write("Brain/freshDir/y.md", "why");
+  for (const auto& [old, fresh] : {std::pair{"Brain/gone.md", "Brain/fresh.md"},
+                                   std::pair{"Brain/goneDir", "Brain/freshDir"}}) {
+    auto entry = *index.entryAtPath(old);
+    entry.inode = mirror.stat(fresh).inode;
+    index.put(entry);
+  }
+
   const bool privileged = ::geteuid() == 0;  // reads anything whatever its mode
   fs::permissions(mirror.path() / "Brain/locked", fs::perms::none);
+  if (!privileged) {
+    write("Brain/private.md", "not for the scan");
+    fs::permissions(mirror.path() / "Brain/private.md", fs::perms::none);
+  }
   const auto changes = scan();
   fs::permissions(mirror.path() / "Brain/locked", fs::perms::owner_all);
 
-  EXPECT_EQ(changes, (std::vector<LocalChange>{removed("Brain/P", true), written("Brain/P")}));
+  // The file that took its folder's place waits for the folder's removal.
+  EXPECT_EQ(changes, (std::vector<LocalChange>{
+                         removed("Brain/gone.md", false), removed("Brain/goneDir", true),
+                         removed("Brain/P", true), written("Brain/P"), written("Brain/fresh.md"),
+                         madeFolder("Brain/freshDir"), written("Brain/freshDir/y.md")}));
   if (!privileged) {
-    EXPECT_EQ(unsupported, (std::map<std::string, int>{{"Brain/locked", 1}}));
+    EXPECT_EQ(unsupported,
+              (std::map<std::string, int>{{"Brain/locked", 1}, {"Brain/private.md", 1}}));
   }
 }
 
