@@ -10,11 +10,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <stop_token>
 #include <string>
 #include <thread>
@@ -87,6 +89,12 @@ int main(int argc, char** argv) {
 
   StopOnSignals signals;
   synckit::CancellationScope scope(signals.token());
+  // Started by the application: stop when it ends, even by SIGKILL, rather
+  // than serve on without anyone to restart or stop this process.
+  if (const char* parent = std::getenv("HALVARK_PROVIDER_PARENT")) {
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (std::to_string(::getppid()) != parent) return 0;  // it is gone already
+  }
   try {
     ProviderService service(options);
     return service.run();

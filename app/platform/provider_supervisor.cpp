@@ -114,11 +114,20 @@ struct ProviderSupervisor::Child {
   Child& operator=(const Child&) = delete;
 };
 
+// The provider leaves with this process, even when it is killed and cannot
+// stop it; a restarted application then starts a provider of its own.
+std::vector<std::string> ProviderSupervisor::withParent(std::vector<std::string> environment) {
+  const std::string key = std::string(parentVariable) + "=";
+  std::erase_if(environment, [&](const std::string& entry) { return entry.starts_with(key); });
+  environment.push_back(key + std::to_string(::getpid()));
+  return environment;
+}
+
 ProviderSupervisor::ProviderSupervisor(std::filesystem::path executable,
                                        std::vector<std::string> environment,
                                        std::function<bool()> stillWanted, Timing timing)
     : executable_(std::move(executable)),
-      environment_(std::move(environment)),
+      environment_(withParent(std::move(environment))),
       stillWanted_(std::move(stillWanted)),
       timing_(timing),
       logger_(std::string(synckit::AppIdentity::applicationIdentifier), "domain") {

@@ -31,6 +31,10 @@ namespace halvark {
 // called from any thread.
 class ProviderSupervisor {
  public:
+  // Set in the provider's environment to this process's id: a provider that
+  // finds it asks to be stopped (SIGTERM) when its parent ends.
+  static constexpr std::string_view parentVariable = "HALVARK_PROVIDER_PARENT";
+
   struct Timing {
     std::chrono::milliseconds firstRestartDelay{1000};
     std::chrono::milliseconds longestRestartDelay{30000};
@@ -53,6 +57,7 @@ class ProviderSupervisor {
   bool supervising() const noexcept { return !finished_; }
 
  private:
+  static std::vector<std::string> withParent(std::vector<std::string> environment);
   struct Child;
 
   void run(std::stop_token stop);
