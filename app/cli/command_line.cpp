@@ -268,8 +268,11 @@ std::string statusText(const json& status, synckit::Timestamp now) {
     line(0, StatusText::statusLine(aggregate));
     const json progress = status.value("progress", json());
     if (progress.is_object()) {
-      line(0, std::to_string(progress.value("filesLeft", 0)) + " files (" +
-                  std::to_string(progress.value("bytesLeft", 0)) + " bytes) left to download");
+      synckit::ProviderProgress left;
+      left.filesRemaining = progress.value("filesLeft", std::int64_t{0});
+      left.bytesRemaining = progress.value("bytesLeft", std::int64_t{0});
+      left.idle = false;
+      if (auto text = StatusText::progressLine(left)) line(0, *text);
     }
     std::string inboxName = "none";
     for (const json& brain : brains) {

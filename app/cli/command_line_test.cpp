@@ -265,7 +265,7 @@ TEST(CommandLineTest, StatusPrintsTheObjectOrTheSameAsText) {
   EXPECT_EQ(CommandLine::statusText(status, now),
             "Signed in: demo\n"
             "Sync error: 2 upload errors\n"
-            "3 files (4096 bytes) left to download\n"
+            "Downloading 3 files (4.1 KB) left\n"
             "  Demo \u2014 5 minutes ago\n"
             "      /home/u/Halvark/Demo\n"
             "      Up to date\n"

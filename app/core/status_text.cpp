@@ -1,11 +1,26 @@
 #include "app/core/status_text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
+#include <iterator>
 
 namespace halvark::StatusText {
 
 namespace {
+
+// Decimal units, as file managers show sizes: "999 bytes", "4.1 KB", "340 KB".
+std::string sizeText(std::int64_t bytes) {
+  if (bytes < 1000) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+  static constexpr const char* units[] = {"KB", "MB", "GB", "TB"};
+  double value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  for (value /= 1000; value >= 999.5 && unit + 1 < std::size(units); value /= 1000) ++unit;
+  char text[32];
+  std::snprintf(text, sizeof text, value < 9.95 ? "%.1f %s" : "%.0f %s", value, units[unit]);
+  return text;
+}
 
 constexpr std::string_view separator = " — ";
 
@@ -97,6 +112,13 @@ std::string relativeTime(synckit::Timestamp then, synckit::Timestamp now) {
 
   std::string amount = std::to_string(count) + " " + name + (count == 1 ? "" : "s");
   return future ? "in " + amount : amount + " ago";
+}
+
+std::optional<std::string> progressLine(const std::optional<synckit::ProviderProgress>& progress) {
+  if (!progress || progress->idle || progress->filesRemaining <= 0) return std::nullopt;
+  const std::int64_t files = progress->filesRemaining;
+  return "Downloading " + std::to_string(files) + (files == 1 ? " file (" : " files (") +
+         sizeText(std::max<std::int64_t>(progress->bytesRemaining, 0)) + ") left";
 }
 
 std::string versionLine(const std::string& version, const std::string& build) {

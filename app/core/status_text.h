@@ -1,10 +1,12 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "app/core/app_state.h"
 #include "synckit/base/timestamp.h"
 #include "synckit/engine/brain_sync_status.h"
+#include "synckit/platform/provider_progress.h"
 
 namespace halvark {
 
@@ -27,6 +29,10 @@ std::string brainTitle(const synckit::BrainSyncStatus& status, synckit::Timestam
 // "2 weeks ago", "1 month ago", "2 years ago"; a moment in the future reads
 // "in 5 minutes".
 std::string relativeTime(synckit::Timestamp then, synckit::Timestamp now);
+
+// "Downloading 3 files (2.5 MB) left" while the file provider has files
+// left to download; absent when it is idle or has published nothing.
+std::optional<std::string> progressLine(const std::optional<synckit::ProviderProgress>& progress);
 
 // "Halvark {version} ({build})", "?" for a part that is not known.
 std::string versionLine(const std::string& version, const std::string& build);

@@ -56,5 +56,17 @@ TEST(StatusTextTest, RelativeTimeAtTheBoundariesOfEachUnit) {
   }
 }
 
+TEST(StatusTextTest, ProgressCountsFilesAndBytesLeftOnlyWhileDownloading) {
+  using synckit::ProviderProgress;
+  EXPECT_EQ(StatusText::progressLine(std::nullopt), std::nullopt);
+  EXPECT_EQ(StatusText::progressLine(ProviderProgress{4, 100, true, {}}), std::nullopt);
+  EXPECT_EQ(StatusText::progressLine(ProviderProgress{1, 999, false, {}}),
+            "Downloading 1 file (999 bytes) left");
+  EXPECT_EQ(StatusText::progressLine(ProviderProgress{12, 340'000, false, {}}),
+            "Downloading 12 files (340 KB) left");
+  EXPECT_EQ(StatusText::progressLine(ProviderProgress{2, 999'999, false, {}}),
+            "Downloading 2 files (1.0 MB) left");
+}
+
 }  // namespace
 }  // namespace halvark

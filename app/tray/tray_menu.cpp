@@ -8,7 +8,6 @@
 #include <QSignalBlocker>
 #include <QSystemTrayIcon>
 #include <algorithm>
-#include <cstdio>
 
 #include "app/core/status_text.h"
 #include "app/platform/login_item.h"
@@ -31,17 +30,6 @@ namespace {
 // as they are.
 QString menuText(const std::string& text) {
   return QString::fromStdString(text).replace(QLatin1Char('&'), QStringLiteral("&&"));
-}
-
-std::string sizeText(std::int64_t bytes) {
-  if (bytes < 1000) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
-  static constexpr const char* units[] = {"KB", "MB", "GB", "TB"};
-  double value = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  for (value /= 1000; value >= 999.5 && unit + 1 < std::size(units); value /= 1000) ++unit;
-  char text[32];
-  std::snprintf(text, sizeof text, value < 9.95 ? "%.1f %s" : "%.0f %s", value, units[unit]);
-  return text;
 }
 
 QIcon bundledIcon(const char* name) {
@@ -218,7 +206,7 @@ void TrayMenu::refreshStatus() {
 
 std::string TrayMenu::statusText() const {
   if (actions_.progress) {
-    if (auto line = progressLine(actions_.progress())) return *line;
+    if (auto line = StatusText::progressLine(actions_.progress())) return *line;
   }
   return StatusText::statusLine(appState_.aggregateState());
 }
@@ -260,14 +248,6 @@ void TrayMenu::notify(const QString& title, const QString& text) {
   } else {
     trayIcon_->showMessage(title, text, QSystemTrayIcon::Information);
   }
-}
-
-std::optional<std::string> TrayMenu::progressLine(
-    const std::optional<synckit::ProviderProgress>& progress) {
-  if (!progress || progress->idle || progress->filesRemaining <= 0) return std::nullopt;
-  const std::int64_t files = progress->filesRemaining;
-  return "Downloading " + std::to_string(files) + (files == 1 ? " file (" : " files (") +
-         sizeText(std::max<std::int64_t>(progress->bytesRemaining, 0)) + ") left";
 }
 
 QIcon TrayMenu::stateIcon(AggregateState::Kind kind) {

@@ -67,10 +67,6 @@ class TrayMenu : public QObject {
   // Shows `text` as a tray message (or through Actions::notify).
   void notify(const QString& title, const QString& text);
 
-  // "Downloading 3 files (2.5 MB) left"; absent unless files are left.
-  static std::optional<std::string> progressLine(
-      const std::optional<synckit::ProviderProgress>& progress);
-
   // Theme icons by freedesktop name, with the bundled ones as fallbacks.
   static QIcon stateIcon(AggregateState::Kind kind);
   static QIcon signedInIcon();

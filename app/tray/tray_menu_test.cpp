@@ -229,16 +229,5 @@ TEST(TrayMenuLooks, BundledIconsRenderWithoutATheme) {
   EXPECT_FALSE(TrayMenu::signedInIcon().pixmap(16).isNull());
 }
 
-TEST(TrayMenuLooks, ProgressCountsFilesAndBytesLeftOnlyWhileDownloading) {
-  EXPECT_EQ(TrayMenu::progressLine(std::nullopt), std::nullopt);
-  EXPECT_EQ(TrayMenu::progressLine(ProviderProgress{4, 100, true, {}}), std::nullopt);
-  EXPECT_EQ(TrayMenu::progressLine(ProviderProgress{1, 999, false, {}}),
-            "Downloading 1 file (999 bytes) left");
-  EXPECT_EQ(TrayMenu::progressLine(ProviderProgress{12, 340'000, false, {}}),
-            "Downloading 12 files (340 KB) left");
-  EXPECT_EQ(TrayMenu::progressLine(ProviderProgress{2, 999'999, false, {}}),
-            "Downloading 2 files (1.0 MB) left");
-}
-
 }  // namespace
 }  // namespace halvark
