@@ -42,22 +42,12 @@ bool isBelowOrAt(std::string_view path, std::string_view folder) {
 
 }  // namespace
 
-MirrorWatcher::MirrorWatcher(const MirrorRoot& mirror) : mirror_(mirror) {
-  fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (fd_ < 0) throw synckit::PosixError(errno);
-  // The folder holding any top-level name is the root itself.
-  std::string ignored;
-  try {
-    root_ = mirror_.openParent("x", ignored);
-  } catch (...) {
-    ::close(fd_);
-    throw;
-  }
+MirrorWatcher::MirrorWatcher(const MirrorRoot& mirror)
+    : mirror_(mirror), inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+  if (!inotify_) throw synckit::PosixError(errno);
+  root_ = mirror_.openDirectory("");
+  if (!root_) throw synckit::PosixError(ENOENT);
   watchTree("", nullptr);
-}
-
-MirrorWatcher::~MirrorWatcher() {
-  if (fd_ >= 0) ::close(fd_);
 }
 
 std::vector<MirrorWatcher::Unwatched> MirrorWatcher::takeUnwatched() {
@@ -70,7 +60,7 @@ MirrorWatcher::Batch MirrorWatcher::read() {
   batch.overflowed = std::exchange(overflowInjected_, false);
   alignas(struct inotify_event) char buffer[64 * 1024];
   for (int round = 0; round < kReadsPerCall; ++round) {
-    const ssize_t size = ::read(fd_, buffer, sizeof buffer);
+    const ssize_t size = ::read(inotify_.get(), buffer, sizeof buffer);
     if (size < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN) break;
@@ -100,7 +90,7 @@ MirrorWatcher::Batch MirrorWatcher::read() {
     for (int wd : it->second.watches) {
       const auto path = pathOf_.find(wd);
       if (path == pathOf_.end() || !isBelowOrAt(path->second, it->second.path)) continue;
-      ::inotify_rm_watch(fd_, wd);
+      ::inotify_rm_watch(inotify_.get(), wd);
       forget(wd);
     }
     it = departures_.erase(it);
@@ -224,10 +214,10 @@ void MirrorWatcher::watchTree(const std::string& path, Batch* report) {
       if (isDirectory) {
         folders.emplace_back(name);
         if (report != nullptr && child != kStaging) {
-          report->events.push_back({Event::Kind::created, child, true, 0});
+          report->events.push_back({Event::Kind::found, child, true, 0});
         }
       } else if (report != nullptr) {
-        report->events.push_back({Event::Kind::created, child, false, 0});
+        report->events.push_back({Event::Kind::found, child, false, 0});
       }
     }
     // Reported parents first: the stack takes the last folder first, so
@@ -251,11 +241,12 @@ int MirrorWatcher::watchFolder(int folderFd, const std::string& path) {
     // the watch.
     char link[64];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", folderFd);
-    wd = ::inotify_add_watch(fd_, link, mask);
+    wd = ::inotify_add_watch(inotify_.get(), link, mask);
     if (wd < 0 && errno == ENOENT) procFdWorks_ = false;
   }
   if (!procFdWorks_) {
-    wd = ::inotify_add_watch(fd_, (mirror_.path() / path).c_str(), mask | IN_DONT_FOLLOW);
+    wd =
+        ::inotify_add_watch(inotify_.get(), (mirror_.path() / path).c_str(), mask | IN_DONT_FOLLOW);
   }
   if (wd < 0) {
     unwatched_.push_back({path, errno});
@@ -300,7 +291,7 @@ std::vector<int> MirrorWatcher::watchesBelow(const std::string& path) const {
 }
 
 void MirrorWatcher::renewAll() {
-  for (const auto& [wd, path] : pathOf_) ::inotify_rm_watch(fd_, wd);
+  for (const auto& [wd, path] : pathOf_) ::inotify_rm_watch(inotify_.get(), wd);
   pathOf_.clear();
   watchAt_.clear();
   departures_.clear();

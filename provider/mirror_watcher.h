@@ -16,7 +16,7 @@ namespace halvark::provider {
 // Watches every folder of the mirror with inotify and reports what happens
 // in them as events with mirror-relative paths. Folders made or moved into
 // the mirror are watched as they appear, and what they already hold when
-// the watch starts is reported as created, since a file can land in a new
+// the watch starts is reported as found, since a file can land in a new
 // folder before its watch exists. A folder renamed within the mirror keeps
 // its watches under the new path; one moved out of the mirror is no longer
 // watched once its rename is seen to have no second half.
@@ -35,7 +35,8 @@ class MirrorWatcher {
  public:
   struct Event {
     enum class Kind {
-      created,     // a file or folder appeared (made, linked, or found in a new folder)
+      created,     // a file or folder appeared (made, linked)
+      found,       // already there when its folder was first watched: new or not
       modified,    // a file's content was written
       closed,      // a file opened for writing was closed
       attributes,  // a file's times, permissions or links changed
@@ -75,12 +76,11 @@ class MirrorWatcher {
   // Watches every folder below the root (which `mirror` must outlive).
   // Throws PosixError when inotify or the root cannot be used.
   explicit MirrorWatcher(const MirrorRoot& mirror);
-  ~MirrorWatcher();
   MirrorWatcher(const MirrorWatcher&) = delete;
   MirrorWatcher& operator=(const MirrorWatcher&) = delete;
 
   // Readable (poll) when events wait.
-  int fd() const noexcept { return fd_; }
+  int fd() const noexcept { return inotify_.get(); }
 
   // The events that wait now, in the order they happened; never blocks.
   Batch read();
@@ -104,7 +104,7 @@ class MirrorWatcher {
 
   void handle(const ::inotify_event& raw, Batch& batch);
   // Watches `path` and every folder below it; with `report`, what they hold
-  // is added to `batch` as created.
+  // is added to `batch` as found.
   void watchTree(const std::string& path, Batch* report);
   int watchFolder(int folderFd, const std::string& path);
   void forget(int wd);
@@ -112,7 +112,7 @@ class MirrorWatcher {
   void renewAll();
 
   const MirrorRoot& mirror_;
-  int fd_ = -1;
+  MirrorRoot::Fd inotify_;
   MirrorRoot::Fd root_;
   std::unordered_map<int, std::string> pathOf_;
   std::map<std::string, int> watchAt_;

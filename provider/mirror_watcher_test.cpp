@@ -11,8 +11,8 @@ namespace halvark::provider {
 
 // Readable failures; internal, so that another test may print events too.
 [[maybe_unused]] static void PrintTo(const MirrorWatcher::Event& event, std::ostream* out) {
-  static constexpr const char* kinds[] = {"created",   "modified", "closed", "attributes",
-                                          "movedFrom", "movedTo",  "removed"};
+  static constexpr const char* kinds[] = {"created",    "found",     "modified", "closed",
+                                          "attributes", "movedFrom", "movedTo",  "removed"};
   *out << kinds[static_cast<int>(event.kind)] << ' ' << event.path;
   if (event.isDirectory) *out << " (folder)";
   if (event.cookie != 0) *out << " #" << event.cookie;
@@ -44,17 +44,18 @@ TEST(MirrorWatcherTest, ReportsEventsInEveryFolderUnderItsCurrentPath) {
   EXPECT_EQ(watcher.read(), MirrorWatcher::Batch{});
 
   // Folders made faster than they can be watched: what they hold by the
-  // time the watch starts is reported as created, after its folder.
+  // time the watch starts is reported as found, after its folder.
   fs::create_directories(temp / "mirror/Brain/a/b/c");
   writeFile(temp / "mirror/Brain/a/b/c/deep.md", "deep");
   const auto made = watcher.read().events;
   auto reported = [&](const Event& event) {
     return std::find(made.begin(), made.end(), event) != made.end();
   };
-  for (const char* folder : {"Brain/a", "Brain/a/b", "Brain/a/b/c"}) {
-    EXPECT_TRUE(reported({Kind::created, folder, true, 0})) << folder;
+  EXPECT_TRUE(reported({Kind::created, "Brain/a", true, 0}));
+  for (const char* folder : {"Brain/a/b", "Brain/a/b/c"}) {
+    EXPECT_TRUE(reported({Kind::found, folder, true, 0})) << folder;
   }
-  EXPECT_TRUE(reported({Kind::created, "Brain/a/b/c/deep.md", false, 0}));
+  EXPECT_TRUE(reported({Kind::found, "Brain/a/b/c/deep.md", false, 0}));
   EXPECT_EQ(watcher.watchCount(), 6u);
 
   // Writes, renames and removals; a renamed folder keeps reporting, under
@@ -94,10 +95,10 @@ TEST(MirrorWatcherTest, ReportsEventsInEveryFolderUnderItsCurrentPath) {
   fs::rename(temp / "outside", temp / "mirror/Brain/back");
   EXPECT_EQ(withoutCookies(watcher.read().events),
             (std::vector<Event>{{Kind::movedTo, "Brain/back", true, 0},
-                                {Kind::created, "Brain/back/b", true, 0},
-                                {Kind::created, "Brain/back/b/c", true, 0},
-                                {Kind::created, "Brain/back/b/c/deep.md", false, 0},
-                                {Kind::created, "Brain/back/b/c/unseen.md", false, 0}}));
+                                {Kind::found, "Brain/back/b", true, 0},
+                                {Kind::found, "Brain/back/b/c", true, 0},
+                                {Kind::found, "Brain/back/b/c/deep.md", false, 0},
+                                {Kind::found, "Brain/back/b/c/unseen.md", false, 0}}));
 
   // Lost events: the watches are made afresh, and what follows is reported.
   watcher.injectOverflow();

@@ -1,24 +1,35 @@
 #include "provider/provider_service.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <stop_token>
+#include <cstdint>
+#include <cstring>
+#include <map>
 
 #include "provider/download_pool.h"
 #include "provider/freedesktop_trash.h"
+#include "provider/local_journal.h"
 #include "provider/mirror_root.h"
+#include "provider/mirror_scanner.h"
 #include "provider/mirror_updater.h"
+#include "provider/mirror_watcher.h"
+#include "provider/settle_queue.h"
 #include "synckit/api/curl_transport.h"
 #include "synckit/api/sync_api_client.h"
 #include "synckit/auth/token_manager.h"
 #include "synckit/base/cancellation.h"
+#include "synckit/base/clock.h"
 #include "synckit/conflicts/sync_error_log.h"
 #include "synckit/engine/shared_metadata_store.h"
 #include "synckit/platform/app_group.h"
 #include "synckit/platform/app_identity.h"
 #include "synckit/platform/atomic_file.h"
+#include "synckit/platform/conflict_spool.h"
 #include "synckit/platform/domain_registry.h"
 #include "synckit/platform/file_lock.h"
 #include "synckit/platform/provider_paths.h"
@@ -39,10 +50,53 @@ constexpr auto tick = 2s;
 // even when nothing else changes.
 constexpr auto firstRetryDelay = 10s;
 constexpr auto longestRetryDelay = 5min;
+// Where the watcher cannot see (no inotify, or the user's watches used
+// up), a rescan this often finds local changes instead.
+constexpr auto unwatchedRescanInterval = 30s;
+
+// A save is whole once the editor has closed it and its later steps (a
+// backup removed, a temporary renamed over the document) have arrived,
+// which they do within milliseconds; 200 ms leaves room for a loaded
+// machine and keeps a save's way to the server well under a second. A
+// file held open is whole once it has stood still for a second: writers
+// that pause longer without closing (a stalled download) are rare, and
+// uploading one twice costs less than waiting longer for every one.
+SettleQueue::Options settleOptions() {
+  SettleQueue::Options options;
+  options.quiet = 200ms;
+  options.settle = 1s;
+  options.longestHold = 1s;
+  return options;
+}
 
 constexpr std::string_view usage = "usage: halvark-provider [--once] [--mirror PATH]";
 
 }  // namespace
+
+// An eventfd the signal listener and a stop request post to, so that the
+// loop's poll() returns.
+class ProviderService::Wakeup {
+ public:
+  Wakeup() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (fd_ < 0) throw synckit::PosixError(errno);
+  }
+  ~Wakeup() { ::close(fd_); }
+  Wakeup(const Wakeup&) = delete;
+  Wakeup& operator=(const Wakeup&) = delete;
+
+  int fd() const noexcept { return fd_; }
+  void post() const noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(fd_, &one, sizeof one);
+  }
+  void drain() const noexcept {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto read = ::read(fd_, &count, sizeof count);
+  }
+
+ private:
+  int fd_;
+};
 
 ProviderService::UsageError::UsageError(const std::string& problem)
     : Error(problem + "\n" + std::string(usage)) {}
@@ -102,6 +156,12 @@ ProviderService::ProviderService(Options options)
         skipped_.push_back(path.empty() ? "Could not show the folder of a brain: " + reason
                                         : "Could not show \u201c" + path + "\u201d: " + reason);
       });
+  journal_ = std::make_unique<LocalJournal>(
+      *store_, *index_, *mirror_,
+      synckit::ConflictSpool{synckit::AppGroup::spoolDirectory(container_)}, log_);
+  // An edit that looks stale may only be this device's upload the mirror
+  // has not caught up with: the update runs here, on the loop's thread.
+  journal_->setCatchUp([this] { runUpdate(); });
 }
 
 ProviderService::~ProviderService() = default;
@@ -123,15 +183,16 @@ bool ProviderService::domainRemoved() {
   }
 }
 
-// Hands what the update could not show to the application, which lists it
-// among the recent sync errors once the sync-now signal wakes it.
+// Hands what the update could not show, and what will not be uploaded, to
+// the application, which lists it among the recent sync errors once the
+// sync-now signal wakes it.
 void ProviderService::reportSkipped() {
   if (skipped_.empty()) return;
   try {
     synckit::SyncErrorLog::append(skipped_, *store_);
     synckit::SyncSignal::post(synckit::SyncSignal::name());
   } catch (const synckit::Error& error) {
-    log_.error("Could not report the items left out of the mirror: %s", error.what());
+    log_.error("Could not report the items left out: %s", error.what());
   }
   skipped_.clear();
 }
@@ -158,59 +219,217 @@ bool ProviderService::runUpdate() {
   }
 }
 
+void ProviderService::reportUnsupported(const std::string& path, const std::string& why) {
+  if (!reportedUnsupported_.insert(path).second) return;
+  const std::string text = why + " It is not uploaded.";
+  log_.info("%s", text.c_str());
+  skipped_.push_back(text);
+}
+
+void ProviderService::startWatching() {
+  try {
+    watcher_ = std::make_unique<MirrorWatcher>(*mirror_);
+    noteUnwatched();
+  } catch (const synckit::Error& error) {
+    log_.error("Could not watch the mirror folder; rescanning it every %lld seconds instead: %s",
+               static_cast<long long>(unwatchedRescanInterval.count()), error.what());
+    watchIncomplete_ = true;
+  }
+  settle_ = std::make_unique<SettleQueue>(*mirror_, synckit::Clock::system(), settleOptions());
+  settle_->setUnsupportedHandler(
+      [this](const std::string& path, const std::string& why) { reportUnsupported(path, why); });
+  // Watching first, so that nothing done during the rescan goes unseen.
+  rescan(false);
+}
+
+void ProviderService::noteUnwatched() {
+  for (const MirrorWatcher::Unwatched& folder : watcher_->takeUnwatched()) {
+    watchIncomplete_ = true;
+    if (folder.code == ENOSPC) {
+      if (!std::exchange(reportedWatchLimit_, true)) {
+        log_.error(
+            "Could not watch \u201c%s\u201d and maybe more folders: the system's limit of "
+            "inotify watches (fs.inotify.max_user_watches) is reached; changes there are found "
+            "by a rescan every %lld seconds",
+            folder.path.c_str(), static_cast<long long>(unwatchedRescanInterval.count()));
+      }
+    } else if (reportedUnwatched_.insert(folder.path).second) {
+      log_.error("Could not watch \u201c%s\u201d: %s", folder.path.c_str(),
+                 std::strerror(folder.code));
+    }
+  }
+}
+
+void ProviderService::readEvents() {
+  MirrorWatcher::Batch batch = watcher_->read();
+  if (batch.overflowed) {
+    // The watches are new; what waited to settle is found again.
+    log_.info("Events in the mirror folder were lost; rescanning it");
+    watchIncomplete_ = false;
+    noteUnwatched();
+    settle_->clear();
+    rescanAt_ = std::chrono::steady_clock::now();
+    return;
+  }
+  noteUnwatched();
+  // A folder the provider made is no news, and what the watcher lists in
+  // it may be the provider's files. It is watched only once its event is
+  // read, after the update that made it: what the user did in it meanwhile
+  // (a move, a removal) only a comparison with the index can tell, which
+  // waits a moment for the rest of the update's events.
+  std::optional<std::map<synckit::Uuid, std::string>> brainFolders;
+  for (MirrorWatcher::Event& event : batch.events) {
+    if (event.kind != MirrorWatcher::Event::Kind::created || !event.isDirectory) continue;
+    if (!brainFolders) brainFolders = index_->brainFolders();
+    const bool isBrainFolder =
+        std::any_of(brainFolders->begin(), brainFolders->end(),
+                    [&](const auto& brain) { return brain.second == event.path; });
+    if (isBrainFolder || index_->entryAtPath(event.path)) {
+      event.kind = MirrorWatcher::Event::Kind::found;
+      rescanAt_ = std::min(rescanAt_, std::chrono::steady_clock::now() + 100ms);
+    }
+  }
+  settle_->add(batch.events);
+}
+
+// What changed while nothing watched, found by comparing the disk with the
+// index. At start it is journalled at once, before the first update acts
+// on the same items; later, while the user may be busy, it settles with
+// the watcher's events (read first, so that the scan is the newer news).
+void ProviderService::rescan(bool settleFirst) {
+  if (settleFirst && watcher_) readEvents();
+  rescanAt_ = SteadyTime::max();
+  try {
+    const std::vector<LocalChange> found = MirrorScanner::scan(
+        *mirror_, *index_,
+        [this](const std::string& path, const std::string& why) { reportUnsupported(path, why); });
+    reportSkipped();
+    if (settleFirst) {
+      settle_->add(found);
+    } else {
+      journal(found);
+    }
+  } catch (const synckit::CancellationError&) {
+    throw;
+  } catch (const std::exception& error) {
+    reportSkipped();
+    log_.error("The mirror folder could not be rescanned: %s", error.what());
+    rescanAt_ = std::chrono::steady_clock::now() + firstRetryDelay;
+  }
+  if (watchIncomplete_ && rescanAt_ == SteadyTime::max()) {
+    rescanAt_ = std::chrono::steady_clock::now() + unwatchedRescanInterval;
+  }
+}
+
+void ProviderService::journal(const std::vector<LocalChange>& changes) {
+  if (changes.empty()) return;
+  try {
+    const LocalJournal::Outcome outcome = journal_->apply(changes);
+    if (outcome.journalled > 0) log_.info("Queued %d local changes", outcome.journalled);
+    // Refusals wait in the sync error log for the application, which reads
+    // it when woken.
+    if (outcome.journalled > 0 || !outcome.refusals.empty()) {
+      synckit::SyncSignal::post(synckit::SyncSignal::name());
+    }
+  } catch (const synckit::CancellationError&) {
+    throw;
+  } catch (const std::exception& error) {
+    // What was journalled stays; a rescan finds the rest.
+    log_.error("Local changes could not be queued: %s", error.what());
+    rescanAt_ = std::chrono::steady_clock::now() + firstRetryDelay;
+  }
+}
+
+void ProviderService::follow(const std::stop_token& stop, const Wakeup& wakeup,
+                             std::atomic<bool>& signalled) {
+  using Steady = std::chrono::steady_clock;
+  startWatching();
+  bool updateDue = true;
+  auto retryDelay = firstRetryDelay;
+  // Never, until an update leaves something to retry.
+  SteadyTime retryAt = SteadyTime::max();
+  SteadyTime nextCheck = Steady::now() + tick;
+  for (;;) {
+    if (updateDue) {
+      if (domainRemoved()) {
+        log_.info("The file-provider domain was removed; stopping");
+        return;
+      }
+      const bool updated = runUpdate();
+      updateDue = false;
+      if (!updated || !index_->retries().empty()) {
+        retryAt = Steady::now() + retryDelay;
+        retryDelay = std::min<std::chrono::seconds>(retryDelay * 2, longestRetryDelay);
+      } else {
+        retryAt = SteadyTime::max();
+        retryDelay = firstRetryDelay;
+      }
+      nextCheck = Steady::now() + tick;
+    }
+
+    const SteadyTime wakeAt = std::min({nextCheck, retryAt, rescanAt_});
+    auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(wakeAt - Steady::now());
+    if (const auto settled = settle_->nextDeadline()) {
+      timeout = std::min(timeout, std::chrono::milliseconds(
+                                      settled->millisecondsSinceEpoch() -
+                                      synckit::Clock::system().now().millisecondsSinceEpoch()));
+    }
+    pollfd waits[2] = {{wakeup.fd(), POLLIN, 0}, {watcher_ ? watcher_->fd() : -1, POLLIN, 0}};
+    if (::poll(waits, 2, static_cast<int>(std::max<std::int64_t>(timeout.count(), 0))) < 0 &&
+        errno != EINTR) {
+      throw synckit::PosixError(errno);
+    }
+    if (stop.stop_requested()) throw synckit::CancellationError();
+    if (waits[0].revents != 0) {
+      wakeup.drain();
+      if (signalled.exchange(false)) updateDue = true;
+    }
+    if (waits[1].revents != 0) readEvents();
+    const std::vector<LocalChange> settled = settle_->takeSettled();
+    reportSkipped();
+    journal(settled);
+
+    const SteadyTime now = Steady::now();
+    if (now >= rescanAt_) rescan(true);
+    if (now >= retryAt) updateDue = true;
+    if (now >= nextCheck) {
+      nextCheck = now + tick;
+      try {
+        updateDue = updateDue || domainRemoved() || store_->currentAnchor() != index_->anchor();
+      } catch (const synckit::Error&) {
+        updateDue = true;  // the update reports what is wrong
+      }
+    }
+  }
+}
+
 int ProviderService::run() {
   const std::stop_token stop = synckit::currentStopToken();
-  std::mutex mutex;
-  std::condition_variable_any woken;
-  bool signalled = false;
+  const Wakeup wakeup;
+  std::atomic<bool> signalled = false;
   std::optional<synckit::SyncSignalListener> listener;
   try {
     listener.emplace(synckit::ProviderPaths::workingSetSignalName(), [&] {
-      std::lock_guard lock(mutex);
       signalled = true;
-      woken.notify_all();
+      wakeup.post();
     });
   } catch (const synckit::Error& error) {
     // The change log is still followed, only less promptly.
     log_.error("Could not listen for the working-set signal: %s", error.what());
   }
+  const std::stop_callback onStop(stop, [&] { wakeup.post(); });
   log_.info("Keeping \u201c%s\u201d in step with the store", mirror_->path().c_str());
 
   int status = 0;
-  auto retryDelay = firstRetryDelay;
   try {
-    for (;;) {
+    if (options_.once) {
       if (domainRemoved()) {
         log_.info("The file-provider domain was removed; stopping");
-        break;
+      } else {
+        status = runUpdate() ? 0 : 1;
       }
-      const bool updated = runUpdate();
-      if (options_.once) {
-        status = updated ? 0 : 1;
-        break;
-      }
-      const bool retrying = !updated || !index_->retries().empty();
-      if (!retrying) retryDelay = firstRetryDelay;
-      const auto retryAt = std::chrono::steady_clock::now() + retryDelay;
-      if (retrying) retryDelay = std::min<std::chrono::seconds>(retryDelay * 2, longestRetryDelay);
-
-      std::unique_lock lock(mutex);
-      for (;;) {
-        if (woken.wait_for(lock, stop, tick, [&] { return signalled; })) {
-          signalled = false;
-          break;
-        }
-        if (stop.stop_requested()) throw synckit::CancellationError();
-        lock.unlock();
-        bool due = retrying && std::chrono::steady_clock::now() >= retryAt;
-        try {
-          due = due || domainRemoved() || store_->currentAnchor() != index_->anchor();
-        } catch (const synckit::Error&) {
-          due = true;  // the update reports what is wrong
-        }
-        lock.lock();
-        if (due) break;
-      }
+    } else {
+      follow(stop, wakeup, signalled);
     }
   } catch (const synckit::CancellationError&) {
     log_.info("Stopping");

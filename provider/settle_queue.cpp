@@ -111,6 +111,25 @@ void SettleQueue::wait(Item& item, std::chrono::milliseconds delay) {
   item.ready = false;
 }
 
+// An event about an item at `path` that nothing tracked stands at, while a
+// tracked item started out there: news of what that item did already,
+// from a rescan or the watcher, whichever came second.
+bool SettleQueue::isStale(const std::string& path) const {
+  return !at_.contains(path) && initiallyAt_.contains(path);
+}
+
+// Whether a folder above `path` is new since: then whatever is in it is too.
+bool SettleQueue::isInNewFolder(const std::string& path) const {
+  for (std::size_t slash = path.find('/'); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const auto at = at_.find(path.substr(0, slash));
+    if (at == at_.end()) continue;
+    const Item& folder = items_.at(at->second);
+    if (folder.isDirectory && !folder.initial) return true;
+  }
+  return false;
+}
+
 SettleQueue::Id SettleQueue::itemFor(const std::string& path, bool isDirectory) {
   if (const auto at = at_.find(path); at != at_.end()) return at->second;
   Item item;
@@ -128,6 +147,13 @@ void SettleQueue::arrive(Id id, const std::string& path, double orderOfArrival) 
   if (const auto at = at_.find(path); at != at_.end() && at->second != id) {
     const Id replaced = at->second;
     Item& occupant = items_.at(replaced);
+    if (occupant.found && occupant.initial == path) {
+      // Seen only by a listing that came before news of this move: the
+      // same item.
+      erase(replaced);
+      place(id, path);
+      return;
+    }
     occupant.order = std::min(occupant.order, orderOfArrival - 0.5);
     wait(occupant, options_.quiet);
     place(replaced, std::nullopt);
@@ -171,27 +197,40 @@ void SettleQueue::leave(Id id) {
   setInitial(successorId, place);
 }
 
-// A folder moved from `from` to `to`: what waits below it moves along and
-// is told after it, in the folder's new terms.
+// A folder moved from `from` to `to`: what waits below it moves along, and
+// everything below its new place is told after it, in its new terms. An
+// item already there as new is the same file, found by listing the folder
+// before its move was known.
 void SettleQueue::moveBelow(const std::string& from, const std::string& to, Item& folder) {
-  std::vector<Id> below = valuesBelow(at_, from);
-  for (const Id id : valuesBelow(initiallyAt_, from)) below.push_back(id);
-  std::sort(below.begin(), below.end());
-  below.erase(std::unique(below.begin(), below.end()), below.end());
-  std::sort(below.begin(), below.end(),
-            [&](Id a, Id b) { return items_.at(a).order < items_.at(b).order; });
-  const double step = 1.0 / (4.0 * static_cast<double>(below.size() + 1));
-  double order = folder.order;
-  for (const Id id : below) {
+  auto below = [&](const std::string& path) {
+    std::vector<Id> ids = valuesBelow(at_, path);
+    for (const Id id : valuesBelow(initiallyAt_, path)) ids.push_back(id);
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+  };
+  for (const Id id : below(from)) {
     Item& item = items_.at(id);
     if (item.current && isBelow(*item.current, from)) {
-      place(id, to + item.current->substr(from.size()));
+      const std::string path = to + item.current->substr(from.size());
+      if (const auto at = at_.find(path);
+          at != at_.end() && (!items_.at(at->second).initial || items_.at(at->second).found)) {
+        erase(at->second);
+      }
+      place(id, path);
     }
     if (item.initial && isBelow(*item.initial, from)) {
       setInitial(id, to + item.initial->substr(from.size()));
     }
+  }
+  std::vector<Id> after = below(to);
+  std::sort(after.begin(), after.end(),
+            [&](Id a, Id b) { return items_.at(a).order < items_.at(b).order; });
+  const double step = 1.0 / (4.0 * static_cast<double>(after.size() + 1));
+  double order = folder.order;
+  for (const Id id : after) {
     order += step;
-    item.order = std::max(item.order, order);
+    items_.at(id).order = std::max(items_.at(id).order, order);
   }
 }
 
@@ -240,6 +279,7 @@ void SettleQueue::apply(const MirrorWatcher::Event& event, std::vector<Id>& writ
         // Seen twice (its event, and the listing of its new folder), or
         // made again where an unseen removal left room.
         Item& item = items_.at(existing);
+        item.found = false;
         if (!item.isDirectory) {
           item.dirty = item.writing = true;
           written.push_back(existing);
@@ -256,12 +296,31 @@ void SettleQueue::apply(const MirrorWatcher::Event& event, std::vector<Id>& writ
       arrive(id, path, items_.at(id).order);
       return;
     }
+    case Kind::found: {
+      // In a folder first watched just now. Its content may be new, or
+      // items the index knows whose place the listing confirms; the
+      // journal tells which. In a folder new since, or where a tracked
+      // item left, it is new.
+      if (!synced || existing) return;
+      Item item;
+      if (!isInNewFolder(path) && !initiallyAt_.contains(path)) item.initial = path;
+      item.isDirectory = event.isDirectory;
+      item.dirty = true;
+      item.writing = !event.isDirectory;
+      item.found = true;
+      const Id id = track(std::move(item));
+      wait(items_.at(id), event.isDirectory ? options_.quiet : options_.settle);
+      if (!event.isDirectory) written.push_back(id);
+      arrive(id, path, items_.at(id).order);
+      return;
+    }
     case Kind::modified:
     case Kind::closed: {
-      if (!existing && !synced) return;
+      if (!existing && (!synced || isStale(path))) return;
       const Id id = existing ? existing : itemFor(path, false);
       Item& item = items_.at(id);
       item.dirty = true;
+      item.found = false;
       if (!synced) return;
       item.writing = event.kind == Kind::modified;
       wait(item, item.writing ? options_.settle : options_.quiet);
@@ -283,7 +342,7 @@ void SettleQueue::apply(const MirrorWatcher::Event& event, std::vector<Id>& writ
         wait(items_.at(existing), options_.quiet);
         place(existing, std::nullopt);
         leave(existing);
-      } else if (synced) {
+      } else if (synced && !isStale(path)) {
         Item item;
         item.initial = path;
         item.isDirectory = event.isDirectory;
@@ -296,7 +355,8 @@ void SettleQueue::apply(const MirrorWatcher::Event& event, std::vector<Id>& writ
       departure.from = path;
       departure.at = now_;
       departure.fromProvider = providers;
-      if (existing || synced) {
+      departure.stale = !existing && synced && isStale(path);
+      if (existing || (synced && !departure.stale)) {
         const Id id = existing ? existing : itemFor(path, event.isDirectory);
         items_.at(id).inFlight = true;
         place(id, std::nullopt);
@@ -311,15 +371,15 @@ void SettleQueue::apply(const MirrorWatcher::Event& event, std::vector<Id>& writ
         departure = std::move(it->second);
         departures_.erase(it);
       }
-      const std::optional<Id> mover =
-          departure && departure->item && items_.contains(*departure->item) ? departure->item
-                                                                            : std::nullopt;
+      const Id mover =
+          departure && departure->item && items_.contains(*departure->item) ? *departure->item : 0;
+      if (departure && departure->stale) return;
       if (providers) {
         // Parked by an update: the provider has it in hand, and the index
         // says where it ends up.
         if (mover) {
           if (event.isDirectory) dropBelow(departure->from);
-          erase(*mover);
+          erase(mover);
         }
         return;
       }
@@ -332,7 +392,7 @@ void SettleQueue::apply(const MirrorWatcher::Event& event, std::vector<Id>& writ
       }
       Id id;
       if (mover) {
-        id = *mover;
+        id = mover;
         Item& item = items_.at(id);
         item.inFlight = false;
         if (item.isDirectory) moveBelow(departure->from, path, item);
@@ -372,6 +432,34 @@ void SettleQueue::add(const std::vector<MirrorWatcher::Event>& events) {
   }
 }
 
+void SettleQueue::add(const std::vector<LocalChange>& found) {
+  std::vector<MirrorWatcher::Event> events;
+  std::uint32_t cookie = 0;
+  for (const LocalChange& change : found) {
+    switch (change.kind) {
+      case LocalChange::Kind::written:
+        events.push_back({Kind::modified, change.path, false, 0});
+        break;
+      case LocalChange::Kind::madeFolder:
+        events.push_back({Kind::created, change.path, true, 0});
+        break;
+      case LocalChange::Kind::removed:
+        events.push_back({Kind::removed, change.path, change.isDirectory, 0});
+        break;
+      case LocalChange::Kind::moved:
+        if (!change.fromPath) break;
+        // A cookie that no rename waiting for its second half uses.
+        do {
+          --cookie;
+        } while (departures_.contains(cookie));
+        events.push_back({Kind::movedFrom, *change.fromPath, change.isDirectory, cookie});
+        events.push_back({Kind::movedTo, change.path, change.isDirectory, cookie});
+        break;
+    }
+  }
+  add(events);
+}
+
 std::optional<synckit::Timestamp> SettleQueue::nextDeadline() const {
   std::optional<synckit::Timestamp> next = waitingUntil_;
   auto consider = [&](synckit::Timestamp time) {
@@ -398,8 +486,8 @@ void SettleQueue::describe(const Item& item, std::vector<LocalChange>& changes) 
       to.reset();
     } else if (state->isSymlink || (!state->isRegular && !state->isDirectory)) {
       if (onUnsupported_) {
-        onUnsupported_(*to, state->isSymlink ? "it is a symbolic link"
-                                             : "it is neither a regular file nor a folder");
+        onUnsupported_(*to, state->isSymlink ? MirrorPathError::symbolicLink(*to, *to).description()
+                                             : MirrorPathError::notRegularFile(*to).description());
       }
       return;
     } else if (state->isDirectory != isDirectory) {
@@ -428,8 +516,10 @@ void SettleQueue::describe(const Item& item, std::vector<LocalChange>& changes) 
     return;
   }
   if (*from != *to) changes.push_back({LocalChange::Kind::moved, *to, from, isDirectory});
-  if (item.dirty && !isDirectory) {
-    changes.push_back({LocalChange::Kind::written, *to, std::nullopt, false});
+  // (A folder is dirty only when a listing found it: there, at least.)
+  if (item.dirty) {
+    changes.push_back({isDirectory ? LocalChange::Kind::madeFolder : LocalChange::Kind::written,
+                       *to, std::nullopt, isDirectory});
   }
 }
 

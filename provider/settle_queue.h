@@ -16,8 +16,8 @@
 
 namespace halvark::provider {
 
-// Turns the watcher's raw events into changes of whole items, once they
-// have settled:
+// Turns the watcher's raw events (and what a rescan found) into changes of
+// whole items, once they have settled:
 // - a file counts once it was closed after writing and then left alone for
 //   `quiet`, or, when its writer keeps it open, once its size and time have
 //   not moved for `settle`;
@@ -58,7 +58,8 @@ class SettleQueue {
     bool operator==(const Options&) const = default;
   };
 
-  // A mirror-relative path and why it is not uploaded.
+  // A mirror-relative path and why it is not uploaded (a sentence naming
+  // the path).
   using UnsupportedHandler = std::function<void(const std::string& path, const std::string& why)>;
 
   // `mirror` (read with stat() only) and `clock` must outlive the queue.
@@ -69,6 +70,10 @@ class SettleQueue {
   void setUnsupportedHandler(UnsupportedHandler handler) { onUnsupported_ = std::move(handler); }
 
   void add(const std::vector<MirrorWatcher::Event>& events);
+  // What a rescan found (the disk against the index): settled like the
+  // watcher's events, and merged with them, so that a change both report
+  // comes out once.
+  void add(const std::vector<LocalChange>& found);
   // Forgets everything waiting (before a rescan finds it again).
   void clear();
 
@@ -90,6 +95,7 @@ class SettleQueue {
     bool dirty = false;     // new content since
     bool writing = false;   // written and not closed since
     bool inFlight = false;  // renamed away, second half not seen yet
+    bool found = false;     // known only from a listing, no event of its own yet
     bool ready = false;
     std::optional<FileState> snapshot;
     synckit::Timestamp due;
@@ -102,11 +108,14 @@ class SettleQueue {
     std::string from;
     std::optional<Id> item;
     bool fromProvider = false;
+    bool stale = false;
     synckit::Timestamp at;
   };
 
   void apply(const MirrorWatcher::Event& event, std::vector<Id>& written);
   Id itemFor(const std::string& path, bool isDirectory);
+  bool isStale(const std::string& path) const;
+  bool isInNewFolder(const std::string& path) const;
   Id track(Item item);
   void erase(Id id);
   void place(Id id, std::optional<std::string> path);

@@ -235,6 +235,33 @@ TEST_F(SettleQueueTest, RenamesArePairedIntoMovesAndFoldersMoveAsOne) {
   // (A file found in a new folder may still be written: it waits to settle.)
   EXPECT_EQ(settled(), (Changes{madeFolder("Brain/album"), madeFolder("Brain/album/2025"),
                                 written("Brain/notes/c.md"), written("Brain/album/2025/pic.png")}));
+
+  // What a rescan finds merges with the watcher's events, whichever comes
+  // first: each change once.
+  fs::rename(at("Brain/notes/c.md"), at("Brain/c2.md"));
+  collect();
+  queue_->add(Changes{moved("Brain/notes/c.md", "Brain/c2.md")});
+  EXPECT_EQ(settled(), Changes{moved("Brain/notes/c.md", "Brain/c2.md")});
+  fs::rename(at("Brain/c2.md"), at("Brain/c3.md"));
+  fs::remove(at("Brain/album/2025/pic.png"));
+  std::ofstream(at("Brain/album/2025/new.png"), std::ios::app) << "new";
+  queue_->add(Changes{moved("Brain/c2.md", "Brain/c3.md"), removed("Brain/album/2025/pic.png"),
+                      written("Brain/album/2025/new.png")});
+  EXPECT_EQ(settled(),
+            (Changes{moved("Brain/c2.md", "Brain/c3.md"), removed("Brain/album/2025/pic.png"),
+                     written("Brain/album/2025/new.png")}));
+
+  // A folder moved where the watcher had no watch yet is found by the
+  // listing of a folder the provider made; the rescan that follows says it
+  // moved, and the move comes first.
+  fs::rename(at("Brain/album"), at("Brain/notes/album"));
+  watcher_->read();
+  using Event = MirrorWatcher::Event;
+  queue_->add(std::vector<Event>{{Event::Kind::found, "Brain/notes/album", true, 0},
+                                 {Event::Kind::found, "Brain/notes/album/2025", true, 0}});
+  queue_->add(Changes{moved("Brain/album", "Brain/notes/album", true)});
+  EXPECT_EQ(settled(), (Changes{moved("Brain/album", "Brain/notes/album", true),
+                                madeFolder("Brain/notes/album/2025")}));
 }
 
 TEST_F(SettleQueueTest, TheProvidersOwnRenamesAndUnsupportedItemsAreLeftOut) {
