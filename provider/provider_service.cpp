@@ -272,24 +272,36 @@ void ProviderService::readEvents() {
     return;
   }
   noteUnwatched();
-  // A folder the provider made is no news, and what the watcher lists in
-  // it may be the provider's files. It is watched only once its event is
-  // read, after the update that made it: what the user did in it meanwhile
-  // (a move, a removal) only a comparison with the index can tell, which
-  // waits a moment for the rest of the update's events.
+  // A folder the provider made (the index knows it) is watched only once
+  // its event is read, after the update that made it. What the listing of
+  // it found is the provider's own, and what the user did in it meanwhile
+  // (a move, a removal) only a comparison with the index can tell: the
+  // rescan, which waits a moment for the rest of the update's events.
   std::optional<std::map<synckit::Uuid, std::string>> brainFolders;
+  std::vector<std::string> made;
+  std::vector<MirrorWatcher::Event> events;
   for (MirrorWatcher::Event& event : batch.events) {
-    if (event.kind != MirrorWatcher::Event::Kind::created || !event.isDirectory) continue;
-    if (!brainFolders) brainFolders = index_->brainFolders();
-    const bool isBrainFolder =
-        std::any_of(brainFolders->begin(), brainFolders->end(),
-                    [&](const auto& brain) { return brain.second == event.path; });
-    if (isBrainFolder || index_->entryAtPath(event.path)) {
-      event.kind = MirrorWatcher::Event::Kind::found;
-      rescanAt_ = std::min(rescanAt_, std::chrono::steady_clock::now() + 100ms);
+    using Kind = MirrorWatcher::Event::Kind;
+    if (event.kind == Kind::found &&
+        std::any_of(made.begin(), made.end(), [&](const std::string& folder) {
+          return event.path.starts_with(folder) && event.path[folder.size()] == '/';
+        })) {
+      continue;
     }
+    if (event.kind == Kind::created && event.isDirectory) {
+      if (!brainFolders) brainFolders = index_->brainFolders();
+      const bool isBrainFolder =
+          std::any_of(brainFolders->begin(), brainFolders->end(),
+                      [&](const auto& brain) { return brain.second == event.path; });
+      if (isBrainFolder || index_->entryAtPath(event.path)) {
+        made.push_back(event.path);
+        rescanAt_ = std::min(rescanAt_, std::chrono::steady_clock::now() + 100ms);
+        continue;
+      }
+    }
+    events.push_back(std::move(event));
   }
-  settle_->add(batch.events);
+  settle_->add(events);
 }
 
 // What changed while nothing watched, found by comparing the disk with the
