@@ -67,6 +67,7 @@ struct DiskItem {
   int entry = -1;         // the index entry it is, once matched
   bool edited = false;    // a matched file whose bytes differ from its entry's
   bool reported = false;  // already part of the changes (a folder made early)
+  bool inside = false;    // in a new folder at the top of the mirror
 };
 
 // Where each index entry went.
@@ -301,7 +302,11 @@ class Scan {
         continue;
       }
       if (!MirrorNames::isSynced(name, S_ISDIR(status.st_mode))) continue;
+      const std::size_t first = disk_.size();
       visit(root.get(), name, std::string(name), status, -1);
+      // The journal takes a new item here into the inbox brain whole: what
+      // it holds is neither reported nor the target of a move.
+      for (std::size_t i = first + 1; i < disk_.size(); ++i) disk_[i].inside = true;
     }
   }
 
@@ -504,7 +509,7 @@ class Scan {
     std::unordered_map<std::uint64_t, std::vector<int>> newByInode;
     std::unordered_map<std::string_view, int> newAt;
     for (std::size_t i = 0; i < disk_.size(); ++i) {
-      if (disk_[i].entry >= 0) continue;
+      if (disk_[i].entry >= 0 || disk_[i].inside) continue;
       newByInode[disk_[i].inode].push_back(static_cast<int>(i));
       newAt.emplace(disk_[i].path, static_cast<int>(i));
     }
@@ -766,7 +771,7 @@ class Scan {
     std::vector<int> items;
     for (std::size_t i = 0; i < disk_.size(); ++i) {
       const DiskItem& item = disk_[i];
-      if ((item.entry < 0 && !item.reported) || (item.entry >= 0 && item.edited)) {
+      if ((item.entry < 0 && !item.reported && !item.inside) || (item.entry >= 0 && item.edited)) {
         items.push_back(static_cast<int>(i));
       }
     }

@@ -40,7 +40,8 @@ using UnsupportedHandler = std::function<void(const std::string& path, const std
 //   its kind no longer at its own path was moved there; a moved file whose
 //   content differs is also `written` at its new path.
 // - A new item at the top of the mirror, outside every brain folder, is
-//   reported like any other, with its top-level path (and its content).
+//   reported by its top-level path alone: the journal takes it into the
+//   inbox brain whole.
 // - Left out: the provider's own items and names that are never synced
 //   (MirrorNames), symbolic links, special files and what cannot be read.
 //   The index's items that the scan cannot see (under an unreadable

@@ -75,9 +75,9 @@ class MirrorScannerTest : public ::testing::Test {
 
 TEST_F(MirrorScannerTest, FindsEditsNewItemsMovesAndRemovalsInAnOrderThatApplies) {
   index.setBrainFolder(brain, "Brain");
-  for (const char* file :
-       {"same.md", "touched.md", "replaced.md", "edited.md", "gone.md", "renamed.md", "m.md",
-        "old/a.md", "old/sub/b.md", "box/x.md", "box/deep/y.md", "target/t.md", "keep/k.md"}) {
+  for (const char* file : {"same.md", "touched.md", "replaced.md", "edited.md", "gone.md",
+                           "renamed.md", "m.md", "old/a.md", "old/sub/b.md", "box/x.md",
+                           "box/deep/y.md", "target/t.md", "keep/k.md", "out.md"}) {
     provide(std::string("Brain/") + file, std::string("content of ") + file);
   }
   for (const char* folder : {"old", "old/sub", "box", "box/deep", "target", "keep"}) {
@@ -113,6 +113,9 @@ TEST_F(MirrorScannerTest, FindsEditsNewItemsMovesAndRemovalsInAnOrderThatApplies
   write("Brain/new.md", "new");
   write("Brain/newDir/c.md", "c");
   write("top.txt", "at the top");
+  // A new folder at the top is the journal's to take whole.
+  write("Loose/inner.md", "inner");
+  fs::rename(root / "Brain/out.md", root / "Loose/out.md");
   // Never reported as changes.
   write("Brain/.DS_Store", "desktop metadata");
   write(".halvark-staging/0123.partial", "a download");
@@ -129,11 +132,13 @@ TEST_F(MirrorScannerTest, FindsEditsNewItemsMovesAndRemovalsInAnOrderThatApplies
       moved("Brain/box", "Brain/target/box", true),
       removed("Brain/gone.md", false),
       removed("Brain/old", true),
+      removed("Brain/out.md", false),
       written("Brain/edited.md"),
       written("Brain/new.md"),
       written("Brain/new/m.md"),
       madeFolder("Brain/newDir"),
       written("Brain/newDir/c.md"),
+      madeFolder("Loose"),
       written("top.txt"),
   };
   EXPECT_EQ(scan(), expected);
