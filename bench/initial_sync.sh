@@ -39,39 +39,12 @@ provider="$build/provider/halvark-provider"
 server="$build/server/halvark-devserver"
 setup="$build/bench/initial_sync_setup"
 
-work="$(mktemp -d)"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  done
-  exec 3<&- 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-  echo "initial_sync: $1" >&2
-  [ -n "${2:-}" ] && tail -n 20 "$2" >&2
-  exit 1
-}
-
-# Everything of the system lives in the scratch folder. No Secret Service
-# answers on this bus, so the tokens are kept in the container's token file.
-export HALVARK_CONTAINER="$work/container" XDG_CONFIG_HOME="$work/config"
-export XDG_DATA_HOME="$work/data" XDG_RUNTIME_DIR="$work/runtime" HALVARK_MIRROR="$work/mirror"
-export DBUS_SESSION_BUS_ADDRESS="unix:path=$work/no-bus"
+bench_name=initial_sync
+# shellcheck source=bench/scratch_system.sh
+source "$root/bench/scratch_system.sh"
 export RCLONE_CONFIG="$work/rclone.conf"
-unset JOURNAL_STREAM
-mkdir -p "$HALVARK_CONTAINER" "$XDG_CONFIG_HOME" "$XDG_DATA_HOME"
-mkdir -m 700 "$XDG_RUNTIME_DIR"
 : >"$RCLONE_CONFIG"
-
-mkfifo "$work/url"
-"$server" --quiet >"$work/url" 2>"$work/devserver.log" &
-pids+=($!)
-exec 3<"$work/url"
-read -r url <&3
+start_devserver
 
 "$setup" "$url" "$work/files" "$folders" "$per_folder" "$size" 2>"$work/setup.log" ||
   fail "set-up failed" "$work/setup.log"
