@@ -10,10 +10,6 @@
 namespace halvark::provider::MirrorNames {
 namespace {
 
-// The prefix the mirror updater gives an item waiting for its target to
-// be freed.
-constexpr std::string_view movingAsidePrefix = ".halvark-moving-";
-
 std::string_view lastComponent(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? path : path.substr(slash + 1);

@@ -9,6 +9,9 @@ namespace halvark::provider {
 // the others never report either. Pure; any thread.
 namespace MirrorNames {
 
+// Where an update parks an item whose place is still taken.
+inline constexpr std::string_view movingAsidePrefix = ".halvark-moving-";
+
 // The provider's own places, never the user's: the staging folder, the
 // ".halvark-moving-" names an update parks items under (at the top of the
 // mirror or of a brain's folder), and a trash folder at the top of the

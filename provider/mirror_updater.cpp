@@ -11,6 +11,7 @@
 
 #include "provider/freedesktop_trash.h"
 #include "provider/local_journal.h"
+#include "provider/mirror_names.h"
 #include "provider/mirror_path_error.h"
 #include "provider/mirror_root.h"
 #include "synckit/base/cancellation.h"
@@ -42,7 +43,7 @@ std::size_t depthOf(std::string_view path) { return std::count(path.begin(), pat
 // update interrupted between the rename and the index commit finds it
 // again: at the top of its brain folder for a node, at the top of the
 // mirror for a brain folder.
-constexpr std::string_view asidePrefix = ".halvark-moving-";
+constexpr std::string_view asidePrefix = MirrorNames::movingAsidePrefix;
 
 std::string asideName(std::string_view identity) {
   return std::string(asidePrefix) + synckit::hexLower(synckit::sha256(identity)).substr(0, 16);
