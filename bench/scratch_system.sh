@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154  # bench_name and server come from the sourcing script
 # Sourced by the benchmarks that run the system's processes: one scratch
 # folder for all their state, removed on exit together with every process
 # whose id is in `pids`; the environment that points the programs at it (no
@@ -35,5 +36,6 @@ start_devserver() {
   "$server" --quiet >"$work/url" 2>"$work/devserver.log" &
   pids+=($!)
   exec 3<"$work/url"
+  # shellcheck disable=SC2034  # read by the sourcing script
   read -r url <&3
 }
