@@ -1,5 +1,6 @@
 #include "provider/local_journal.h"
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <utility>
@@ -725,6 +726,50 @@ LocalJournal::LocalJournal(synckit::MetadataStore& store, synckit::LocalIndex& i
       mirror_(mirror),
       spool_(std::move(spool)),
       log_(std::move(log)) {}
+
+LocalJournal::Outcome LocalJournal::recoverBrainFolders() {
+  Batch batch(*this);
+  std::vector<std::string> topFolders;
+  for (const std::string& name : mirror_.list("")) {
+    if (!batch.brainAt.contains(name) && mirror_.stat(name).isDirectory) topFolders.push_back(name);
+  }
+  for (const auto& [brainId, folder] : batch.folders) {
+    if (mirror_.stat(folder).exists) continue;
+    const auto place = batch.locate(folder);
+    batch.refuseBrainFolder(place);
+    // The brain's items directly in its folder, by name and inode.
+    std::vector<IndexEntry> rows = index_.entriesUnder(folder);
+    std::erase_if(rows, [&](const IndexEntry& row) {
+      return row.path.find('/', folder.size() + 1) != std::string::npos;
+    });
+    const auto renamedTo = std::find_if(topFolders.begin(), topFolders.end(), [&](const auto& top) {
+      return std::any_of(rows.begin(), rows.end(), [&](const IndexEntry& row) {
+        const FileState state = mirror_.stat(top + row.path.substr(folder.size()));
+        return state.exists && state.inode == row.inode;
+      });
+    });
+    if (renamedTo != topFolders.end()) {
+      try {
+        store_.recordOwnWrite(brainId, "");
+        mirror_.rename(*renamedTo, folder);
+        log_.info("Renamed \u201c%s\u201d back to \u201c%s\u201d, the folder of a brain",
+                  renamedTo->c_str(), folder.c_str());
+        topFolders.erase(renamedTo);
+        continue;
+      } catch (const synckit::Error& error) {
+        log_.error("Could not rename \u201c%s\u201d back to \u201c%s\u201d: %s", renamedTo->c_str(),
+                   folder.c_str(), error.what());
+      }
+    }
+    index_.transaction([&] {
+      for (const IndexEntry& gone : index_.entriesUnder(folder)) {
+        index_.remove(gone.brainId, gone.nodeId);
+      }
+      index_.setBrainFolder(brainId, std::nullopt);
+    });
+  }
+  return std::move(batch.outcome);
+}
 
 LocalJournal::Outcome LocalJournal::apply(const std::vector<LocalChange>& changes) {
   Batch batch(*this);

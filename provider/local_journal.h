@@ -85,6 +85,16 @@ class LocalJournal {
 
   Outcome apply(const std::vector<LocalChange>& changes);
 
+  // Brain folders the index knows but the mirror lacks, found before a
+  // rescan (which leaves their items alone). A folder at the top of the
+  // mirror holding the brain's files (by inode) is the brain's folder
+  // renamed while nobody watched: it is renamed back. Otherwise the folder
+  // is gone and the brain's rows are forgotten, so that the updater lays
+  // the brain out afresh. Either way nothing is deleted on the server, as
+  // for a brain folder moved or removed while watched, and the refusal is
+  // reported.
+  Outcome recoverBrainFolders();
+
   // The index keys the row of a file queued for creation with this prefix
   // and the pending change's id, until the node its upload makes takes the
   // row over.

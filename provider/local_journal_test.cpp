@@ -260,5 +260,30 @@ TEST_F(LocalJournalTest, AStaleEditBecomesAConflictedCopyAndTheUpdaterFetchesThe
   EXPECT_EQ(journal.apply({written("Notes/a.md"), written("Notes/" + copy.path)}).journalled, 0);
 }
 
+TEST_F(LocalJournalTest, ABrainFolderRenamedOrRemovedWhileNobodyWatchedDeletesNothing) {
+  const Uuid work = world.addBrain("Work", "work");
+  world.putFile(notes, "a.md", "alpha");
+  world.putFile(notes, "docs/b.md", "beta");
+  world.putFile(work, "w.md", "omega");
+  world.updater->update();
+
+  // Renamed: it goes back under its own name, its rows untouched.
+  fs::rename(at("Notes"), at("Renamed"));
+  // Removed: the brain is forgotten, to be laid out afresh.
+  fs::remove_all(at("Work"));
+  const auto outcome = journal.recoverBrainFolders();
+  EXPECT_EQ(outcome.refusals.size(), 2u);
+  EXPECT_EQ(contentOf(at("Notes/docs/b.md")), "beta");
+  EXPECT_FALSE(fs::exists(at("Renamed")));
+  EXPECT_TRUE(world.index->entryAtPath("Notes/a.md"));
+  EXPECT_FALSE(world.index->entryAtPath("Work/w.md"));
+  EXPECT_FALSE(world.index->brainFolders().contains(work));
+  EXPECT_TRUE(queued().empty());
+
+  world.updater->update();
+  EXPECT_EQ(contentOf(at("Work/w.md")), "omega");
+  EXPECT_TRUE(queued().empty());
+}
+
 }  // namespace
 }  // namespace halvark::provider

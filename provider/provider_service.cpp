@@ -312,6 +312,8 @@ void ProviderService::rescan(bool settleFirst) {
   if (settleFirst && watcher_) readEvents();
   rescanAt_ = SteadyTime::max();
   try {
+    const LocalJournal::Outcome recovered = journal_->recoverBrainFolders();
+    if (!recovered.refusals.empty()) synckit::SyncSignal::post(synckit::SyncSignal::name());
     const std::vector<LocalChange> found = MirrorScanner::scan(
         *mirror_, *index_,
         [this](const std::string& path, const std::string& why) { reportUnsupported(path, why); });
