@@ -1,7 +1,6 @@
 #include "app/cli/command_line.h"
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <algorithm>
