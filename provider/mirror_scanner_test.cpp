@@ -8,19 +8,12 @@
 #include <map>
 
 #include "provider/mirror_root.h"
+#include "provider/testing/print_local_change.h"
 #include "synckit/base/crypto.h"
 #include "synckit/store/local_index.h"
 #include "synckit/testing/temporary_directory.h"
 
 namespace halvark::provider {
-
-// Readable failures; internal, so that another test may print changes too.
-[[maybe_unused]] static void PrintTo(const LocalChange& change, std::ostream* out) {
-  static constexpr const char* kinds[] = {"written", "madeFolder", "moved", "removed"};
-  *out << kinds[static_cast<int>(change.kind)] << ' ' << change.path;
-  if (change.fromPath) *out << " from " << *change.fromPath;
-  if (change.isDirectory) *out << " (folder)";
-}
 
 namespace {
 

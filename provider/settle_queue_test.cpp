@@ -8,18 +8,11 @@
 #include <filesystem>
 #include <fstream>
 
+#include "provider/testing/print_local_change.h"
 #include "synckit/testing/fake_clock.h"
 #include "synckit/testing/temporary_directory.h"
 
 namespace halvark::provider {
-
-// Readable failures; internal, so that another test may print changes too.
-[[maybe_unused]] static void PrintTo(const LocalChange& change, std::ostream* out) {
-  static constexpr const char* kinds[] = {"written", "madeFolder", "moved", "removed"};
-  *out << kinds[static_cast<int>(change.kind)] << ' ' << change.path;
-  if (change.fromPath) *out << " from " << *change.fromPath;
-  if (change.isDirectory) *out << " (folder)";
-}
 
 namespace {
 
