@@ -21,7 +21,7 @@ namespace halvark::provider {
 namespace {
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-constexpr std::string_view kStagedSuffix = ".partial";
+constexpr std::string_view kStagedSuffix = MirrorRoot::stagedSuffix;
 constexpr std::string_view kParkedPrefix = "parked-";
 
 // The components of a mirror-relative path, each checked; "" gives none.

@@ -108,6 +108,9 @@ class MirrorRoot {
   };
 
   static constexpr std::string_view stagingFolderName = synckit::ProviderPaths::stagingFolderName;
+  // How the name of a download being staged ends: such a file is never an
+  // item of the mirror, unlike the parked ones beside it.
+  static constexpr std::string_view stagedSuffix = ".partial";
 
   // renameat2 with RENAME_NOREPLACE; on a file system that cannot promise
   // that (EINVAL), a check for the target followed by renameat. 0, or -1

@@ -285,7 +285,9 @@ class Scan {
         continue;
       }
       if (MirrorNames::isProviderOwned(name)) {
-        noteAside(root.get(), name);
+        // Only an item moved aside can be an indexed one; the trash folder
+        // may have the inode number of a folder the user removed.
+        if (name.starts_with(MirrorNames::movingAsidePrefix)) noteAside(root.get(), name);
         continue;
       }
       struct stat status;
@@ -346,7 +348,11 @@ class Scan {
     Fd staging(::openat(root, std::string(MirrorRoot::stagingFolderName).c_str(), kFolderFlags));
     if (!staging) return;
     if (auto names = namesIn(staging.get())) {
-      for (const std::string& name : *names) noteAside(staging.get(), name);
+      for (const std::string& name : *names) {
+        // A download being staged may have taken the inode number of an
+        // item the user removed: it must not pass for that item.
+        if (!name.ends_with(MirrorRoot::stagedSuffix)) noteAside(staging.get(), name);
+      }
     }
   }
 
