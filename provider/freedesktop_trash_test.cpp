@@ -7,6 +7,7 @@
 #include <set>
 
 #include "provider/mirror_path_error.h"
+#include "provider/testing/file_contents.h"
 #include "synckit/base/error.h"
 #include "synckit/platform/atomic_file.h"
 #include "synckit/testing/scoped_environment.h"
@@ -21,9 +22,7 @@ using synckit::testing::ScopedEnvironment;
 using synckit::testing::TemporaryDirectory;
 namespace fs = std::filesystem;
 
-std::string contentOf(const fs::path& file) {
-  return synckit::toString(synckit::AtomicFile::read(file).value_or(synckit::Bytes{}));
-}
+using testing::contentOf;
 
 void writeFile(MirrorRoot& mirror, std::string_view path, std::string_view content) {
   auto staged = mirror.stage();

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "provider/mirror_path_error.h"
+#include "provider/testing/file_contents.h"
 #include "synckit/base/error.h"
 #include "synckit/platform/atomic_file.h"
 #include "synckit/testing/temporary_directory.h"
@@ -21,9 +22,7 @@ using synckit::testing::TemporaryDirectory;
 using synckit::testing::thrownBy;
 namespace fs = std::filesystem;
 
-std::string contentOf(const fs::path& file) {
-  return synckit::toString(synckit::AtomicFile::read(file).value_or(synckit::Bytes{}));
-}
+using testing::contentOf;
 
 MirrorPathError::Reason reasonOf(auto&& call) { return thrownBy<MirrorPathError>(call).reason(); }
 

@@ -16,6 +16,7 @@
 #include "provider/freedesktop_trash.h"
 #include "provider/mirror_root.h"
 #include "provider/mirror_updater.h"
+#include "provider/testing/file_contents.h"
 #include "synckit/api/sync_api_client.h"
 #include "synckit/auth/token_manager.h"
 #include "synckit/base/crypto.h"
@@ -38,16 +39,6 @@ using Tree = std::map<std::string, std::string>;
 
 inline constexpr char kBase[] = "https://sync.example.test";
 inline constexpr char kFolder[] = "/";  // how a folder shows in a Tree
-
-inline std::string contentOf(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-inline void writeFile(const fs::path& file, const std::string& content) {
-  fs::create_directories(file.parent_path());
-  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
-}
 
 // Every item below `root` (the staging folder aside): files by content,
 // folders as "/", links as "->target".

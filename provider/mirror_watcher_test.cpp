@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "provider/testing/file_contents.h"
 #include "synckit/testing/temporary_directory.h"
 
 namespace halvark::provider {
@@ -25,9 +26,7 @@ using Event = MirrorWatcher::Event;
 using Kind = Event::Kind;
 using synckit::testing::TemporaryDirectory;
 
-void writeFile(const fs::path& file, const std::string& content) {
-  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
-}
+using testing::writeFile;
 
 // The events without their cookies, which only need to match each other.
 std::vector<Event> withoutCookies(std::vector<Event> events) {
